@@ -1,0 +1,21 @@
+# Installs the shared library with its symlinks, the public header, a pkg-config file and a
+# CMake package configuration (find_package(zovdx) -> zovdx::zovdx).
+include(CMakePackageConfigHelpers)
+
+install(TARGETS zovdx EXPORT zovdxTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/virtual/include/zovdx/vdx.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zovdx)
+
+set(ZOVDX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zovdx)
+install(EXPORT zovdxTargets NAMESPACE zovdx:: DESTINATION ${ZOVDX_CMAKE_DIR})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/zovdxConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/zovdxConfig.cmake INSTALL_DESTINATION ${ZOVDX_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/zovdxConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/zovdxConfig.cmake ${PROJECT_BINARY_DIR}/zovdxConfigVersion.cmake
+  DESTINATION ${ZOVDX_CMAKE_DIR})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/zovdx.pc.in ${PROJECT_BINARY_DIR}/zovdx.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/zovdx.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

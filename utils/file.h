@@ -1,0 +1,78 @@
+// File and directory helpers (reporting with a bool, never throwing) and FileLocker, an
+// advisory whole-file lock that serialises changes between processes (reporting by throwing).
+#ifndef ZOVDX_UTILS_FILE_H_
+#define ZOVDX_UTILS_FILE_H_
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+bool IsFileExist(const std::string& path);       // any kind of file
+bool IsDirectoryExist(const std::string& path);  // follows links
+
+// Stores the times in whole seconds into the outputs that are not null. On failure the
+// outputs are untouched.
+bool GetTimestamp(const std::string& path, long* atime, unsigned long* mtime, long* ctime);
+
+// Creates every missing level with mode 0777 (less the umask). The path is always taken
+// from the root: the relative a/b creates /a and /a/b.
+bool CreateDirectory(const std::string& path);
+
+// Writes content to directory/fileName (truncating, or appending when append is set),
+// creating the directory, and syncs it to disk before returning true.
+bool WriteTextFile(const std::string& directory, const std::string& fileName,
+                   const std::string& content, bool append);
+
+// Appends every entry name but "." and ".." to names, in directory order.
+bool GetFileNamesInDirectory(const std::string& directory, std::vector<std::string>& names);
+
+// Holds a flock on a lock file from construction to Unlock or destruction. The lock file is
+// created with mode 0666 whatever the umask, so unprivileged processes can share it.
+// Not to be shared between threads.
+class FileLocker {
+ public:
+  static constexpr int kShared = 1;     // LOCK_SH
+  static constexpr int kExclusive = 2;  // LOCK_EX
+
+  class LockTypeError : public std::runtime_error {
+   public:
+    using std::runtime_error::runtime_error;
+    virtual ~LockTypeError() = default;
+  };
+  class OpenLockFileError : public std::runtime_error {
+   public:
+    using std::runtime_error::runtime_error;
+    virtual ~OpenLockFileError() = default;
+  };
+  // The lock is held by another process and a non-blocking request was made.
+  class AquireLockFail : public std::runtime_error {
+   public:
+    using std::runtime_error::runtime_error;
+    virtual ~AquireLockFail() = default;
+  };
+  class AquireLockError : public std::runtime_error {
+   public:
+    using std::runtime_error::runtime_error;
+    virtual ~AquireLockError() = default;
+  };
+
+  // Throws one of the four classes above; on a throw no descriptor stays open.
+  FileLocker(const std::string& lockFile, int lockType, bool nonBlocking);
+  ~FileLocker();
+
+  FileLocker(const FileLocker&) = delete;
+  FileLocker& operator=(const FileLocker&) = delete;
+
+  // Converts the held lock in place (not atomically: another process may get in between).
+  void ChangeLockType(int lockType, bool nonBlocking);
+  void Unlock();
+
+  bool operator==(const FileLocker& other) const;
+
+ private:
+  const std::string lock_file_;
+  int lock_fd_ = -1;
+  int lock_status_ = -1;
+};
+
+#endif  // ZOVDX_UTILS_FILE_H_

@@ -1,0 +1,13 @@
+// The exported functions: the gates in front of the device manager.
+#include <cstring>
+
+#include "utils/logger.h"
+#include "zovdx/vdx.h"
+
+extern "C" vdxStatus vdxInitDevice(vdxDeviceInfo* device_info) {
+  LOG_DEBUG("[%s] %s: this api has been deprecated, there's no need to invoked this interface "
+            "while using virtual gpus.\n",
+            __func__, "\033[33mInfo\033[0m");
+  if (device_info != nullptr) std::memset(device_info, 0, sizeof(*device_info));
+  return VDX_STATUS_SUCCESS;
+}
