@@ -1,1 +1,275 @@
+// File helpers and the inter-process file lock.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <sys/select.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
+
+#include "tests/utils/test_support.h"
+#include "utils/file.h"
+
+namespace {
+
+using testing_support::OpenDescriptorCount;
+using testing_support::ReadFile;
+using testing_support::ScratchDir;
+
+TEST(FileHelpers, ExistenceAndTimestamps) {
+  ScratchDir dir;
+  const std::string file = dir / "f";
+  EXPECT_FALSE(IsFileExist(""));
+  EXPECT_FALSE(IsDirectoryExist(""));
+  EXPECT_FALSE(IsFileExist(file));
+  ASSERT_TRUE(WriteTextFile(dir.path(), "f", "", false));
+  EXPECT_TRUE(IsFileExist(file));
+  EXPECT_FALSE(IsDirectoryExist(file));
+  EXPECT_TRUE(IsFileExist(dir.path()));
+  EXPECT_TRUE(IsDirectoryExist(dir.path()));
+
+  struct utimbuf times = {1000, 123456};
+  ASSERT_EQ(utime(file.c_str(), &times), 0);
+  long atime = -1, ctime = -1;
+  unsigned long mtime = 0;
+  ASSERT_TRUE(GetTimestamp(file, &atime, &mtime, &ctime));
+  EXPECT_EQ(atime, 1000);
+  EXPECT_EQ(mtime, 123456u);
+  EXPECT_GT(ctime, 123456);
+  EXPECT_TRUE(GetTimestamp(file, nullptr, &mtime, nullptr));
+
+  long untouched_a = 7, untouched_c = 8;
+  unsigned long untouched_m = 9;
+  EXPECT_FALSE(GetTimestamp(dir / "missing", &untouched_a, &untouched_m, &untouched_c));
+  EXPECT_EQ(untouched_a, 7);
+  EXPECT_EQ(untouched_m, 9u);
+  EXPECT_EQ(untouched_c, 8);
+}
+
+TEST(FileHelpers, CreateDirectoryMakesEveryLevel) {
+  ScratchDir dir;
+  const std::string deep = dir / "a/b/c";
+  EXPECT_TRUE(CreateDirectory(deep));
+  EXPECT_TRUE(IsDirectoryExist(deep));
+  EXPECT_TRUE(CreateDirectory(deep));
+  // Blanks around components and doubled slashes are tolerated.
+  EXPECT_TRUE(CreateDirectory(dir.path() + "//a/ d /"));
+  EXPECT_TRUE(IsDirectoryExist(dir / "a/d"));
+
+  // A relative path is taken from the root, wherever the process stands.
+  const std::string relative = dir.path().substr(1) + "/rel/x";
+  char cwd[4096];
+  ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+  ASSERT_EQ(chdir(dir.path().c_str()), 0);
+  EXPECT_TRUE(CreateDirectory(relative));
+  ASSERT_EQ(chdir(cwd), 0);
+  EXPECT_TRUE(IsDirectoryExist(dir / "rel/x"));
+
+  // A regular file in the way stops it.
+  ASSERT_TRUE(WriteTextFile(dir.path(), "blocker", "x", false));
+  EXPECT_FALSE(CreateDirectory(dir / "blocker/sub"));
+  EXPECT_FALSE(IsDirectoryExist(dir / "blocker/sub"));
+}
+
+TEST(FileHelpers, WriteTextFileTruncatesOrAppends) {
+  ScratchDir dir;
+  const std::string sub = dir / "new/level";
+  ASSERT_TRUE(WriteTextFile(sub, "vdev0.conf", "first line\nsecond\n", false));
+  EXPECT_EQ(ReadFile(sub + "/vdev0.conf"), "first line\nsecond\n");
+  ASSERT_TRUE(WriteTextFile(sub, "vdev0.conf", "short\n", false));
+  EXPECT_EQ(ReadFile(sub + "/vdev0.conf"), "short\n");
+  ASSERT_TRUE(WriteTextFile(sub, "vdev0.conf", "more\n", true));
+  EXPECT_EQ(ReadFile(sub + "/vdev0.conf"), "short\nmore\n");
+
+  const std::string binary("a\0b", 3);
+  ASSERT_TRUE(WriteTextFile(sub, "bin", binary, false));
+  EXPECT_EQ(ReadFile(sub + "/bin"), binary);
+
+  EXPECT_FALSE(WriteTextFile("", "x", "y", false));
+  EXPECT_FALSE(WriteTextFile(sub, "", "y", false));
+  ASSERT_EQ(mkdir((sub + "/taken").c_str(), 0755), 0);
+  EXPECT_FALSE(WriteTextFile(sub, "taken", "y", false));  // a directory stands there
+  ASSERT_TRUE(WriteTextFile(dir.path(), "plain", "", false));
+  EXPECT_FALSE(WriteTextFile(dir / "plain", "under_a_file", "y", false));
+}
+
+TEST(FileHelpers, WriteTextFileReportsAFullDevice) {
+  // /dev/full fails every write with ENOSPC; the helper must not call that success.
+  if (!IsFileExist("/dev/full")) GTEST_SKIP() << "no /dev/full";
+  EXPECT_FALSE(WriteTextFile("/dev", "full", std::string(100000, 'x'), false));
+}
+
+TEST(FileHelpers, ListsDirectoryEntries) {
+  ScratchDir dir;
+  ASSERT_TRUE(WriteTextFile(dir.path(), "vdev1.conf", "", false));
+  ASSERT_TRUE(WriteTextFile(dir.path(), "vdev2.conf", "", false));
+  ASSERT_TRUE(CreateDirectory(dir / "docker"));
+  std::vector<std::string> names{"kept"};
+  ASSERT_TRUE(GetFileNamesInDirectory(dir.path(), names));
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"docker", "kept", "vdev1.conf", "vdev2.conf"}));
+
+  std::vector<std::string> none;
+  EXPECT_FALSE(GetFileNamesInDirectory(dir / "missing", none));
+  EXPECT_FALSE(GetFileNamesInDirectory(dir / "vdev1.conf", none));
+  EXPECT_TRUE(none.empty());
+}
+
+// Runs body in a child process and returns its exit status (or -1 when it did not exit).
+template <typename Body>
+int InChild(Body body) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+enum ChildResult { kLocked = 10, kLockFail = 11, kLockError = 12, kOtherError = 13 };
+
+int TryLock(const std::string& path, int type, bool non_blocking) {
+  try {
+    FileLocker lock(path, type, non_blocking);
+    return kLocked;
+  } catch (const FileLocker::AquireLockFail&) {
+    return kLockFail;
+  } catch (const FileLocker::AquireLockError&) {
+    return kLockError;
+  } catch (...) {
+    return kOtherError;
+  }
+}
+
+TEST(FileLocker, RefusesABadTypeBeforeTouchingTheFile) {
+  ScratchDir dir;
+  const std::string path = dir / "lock";
+  for (int type : {0, 3, 4, -1}) {
+    try {
+      FileLocker lock(path, type, false);
+      FAIL() << "type " << type << " was accepted";
+    } catch (const FileLocker::LockTypeError& e) {
+      EXPECT_STREQ(e.what(), "\033[31minvalid\033[0m input lock_type parameter");
+    }
+  }
+  EXPECT_FALSE(IsFileExist(path));
+
+  FileLocker lock(path, FileLocker::kShared, false);
+  EXPECT_THROW(lock.ChangeLockType(3, false), FileLocker::LockTypeError);
+}
+
+TEST(FileLocker, CreatesTheLockFileReadableByEveryone) {
+  ScratchDir dir;
+  const std::string path = dir / "lock";
+  const mode_t old_mask = umask(077);
+  { FileLocker lock(path, FileLocker::kExclusive, false); }
+  const mode_t mask_after = umask(old_mask);
+  EXPECT_EQ(mask_after, 077u) << "the caller's umask must be restored";
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
+}
+
+TEST(FileLocker, ExcludesOtherProcesses) {
+  ScratchDir dir;
+  const std::string path = dir / "lock";
+  {
+    FileLocker held(path, FileLocker::kExclusive, false);
+    EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kExclusive, true); }), kLockFail);
+    EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kShared, true); }), kLockFail);
+  }
+  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kExclusive, true); }), kLocked);
+
+  // Shared holders coexist; raising one to exclusive fails while another still shares.
+  FileLocker mine(path, FileLocker::kShared, false);
+  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kShared, true); }), kLocked);
+  int ready[2], release[2];
+  ASSERT_EQ(pipe(ready), 0);
+  ASSERT_EQ(pipe(release), 0);
+  const pid_t holder = fork();
+  if (holder == 0) {
+    FileLocker theirs(path, FileLocker::kShared, false);
+    char c = 1;
+    if (write(ready[1], &c, 1) != 1) _exit(1);
+    if (read(release[0], &c, 1) != 1) _exit(1);
+    _exit(0);
+  }
+  char c;
+  ASSERT_EQ(read(ready[0], &c, 1), 1);
+  try {
+    mine.ChangeLockType(FileLocker::kExclusive, true);
+    ADD_FAILURE() << "exclusive lock granted while another process shares it";
+  } catch (const FileLocker::AquireLockFail& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "the lock on file " + path + " has been already aquired by another process");
+  }
+  ASSERT_EQ(write(release[1], &c, 1), 1);
+  int status;
+  ASSERT_EQ(waitpid(holder, &status, 0), holder);
+  mine.ChangeLockType(FileLocker::kExclusive, true);
+  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kShared, true); }), kLockFail);
+  mine.Unlock();
+  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kExclusive, true); }), kLocked);
+  for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
+}
+
+TEST(FileLocker, ABlockingRequestWaitsForTheHolder) {
+  ScratchDir dir;
+  const std::string path = dir / "lock";
+  auto held = std::make_unique<FileLocker>(path, FileLocker::kExclusive, false);
+  int done[2];
+  ASSERT_EQ(pipe(done), 0);
+  const pid_t waiter = fork();
+  if (waiter == 0) {
+    close(done[0]);
+    const int result = TryLock(path, FileLocker::kExclusive, false);
+    char c = static_cast<char>(result);
+    if (write(done[1], &c, 1) != 1) _exit(1);
+    _exit(0);
+  }
+  close(done[1]);
+  // While the lock is held the waiter must not get through.
+  struct timeval wait_for = {0, 300000};
+  fd_set readable;
+  FD_ZERO(&readable);
+  FD_SET(done[0], &readable);
+  EXPECT_EQ(select(done[0] + 1, &readable, nullptr, nullptr, &wait_for), 0);
+  held.reset();
+  char c = 0;
+  ASSERT_EQ(read(done[0], &c, 1), 1);
+  EXPECT_EQ(c, kLocked);
+  int status;
+  ASSERT_EQ(waitpid(waiter, &status, 0), waiter);
+  close(done[0]);
+}
+
+TEST(FileLocker, OpenFailuresThrowAndLeakNothing) {
+  ScratchDir dir;
+  const int before = OpenDescriptorCount();
+  const std::string path = dir / "missing-dir/lock";
+  try {
+    FileLocker lock(path, FileLocker::kShared, false);
+    FAIL() << "a lock file in a missing directory was opened";
+  } catch (const FileLocker::OpenLockFileError& e) {
+    EXPECT_EQ(std::string(e.what()), "\033[31merror\033[0m while create lock file " + path +
+                                         ". " + std::to_string(ENOENT) + ":" + strerror(ENOENT));
+  }
+  {
+    FileLocker lock(dir / "lock", FileLocker::kShared, false);
+    FileLocker again(dir / "lock", FileLocker::kShared, false);  // the file now exists
+    EXPECT_FALSE(lock == again);  // different descriptors
+    EXPECT_TRUE(lock == lock);
+  }
+  EXPECT_EQ(OpenDescriptorCount(), before);
+}
+
+}  // namespace

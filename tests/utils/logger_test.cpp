@@ -1,1 +1,205 @@
+// The logger: levels, streams, prefixes, the log file and whole messages under threads.
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
 #include <gtest/gtest.h>
+
+#include "tests/utils/test_support.h"
+#include "utils/logger.h"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+using testing_support::ReadFile;
+using testing_support::ScratchDir;
+
+const char kStamp[] = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )";
+const char kRedError[] = "\033[31mError\033[0m: ";
+const char kRedWarning[] = "\033[31mWarning\033[0m: ";
+
+struct Captured {
+  std::string out;
+  std::string err;
+};
+
+template <typename Body>
+Captured Capture(Body body) {
+  CaptureStdout();
+  CaptureStderr();
+  body();
+  Captured result;
+  result.out = GetCapturedStdout();
+  result.err = GetCapturedStderr();
+  return result;
+}
+
+class LoggerTest : public testing::Test {
+ protected:
+  void SetUp() override { utils::SetLogLevel(utils::kLogInfo); }
+  void TearDown() override { utils::SetLogLevel(utils::kLogInfo); }
+};
+
+TEST_F(LoggerTest, LevelsByNameAndByValue) {
+  const std::pair<const char*, utils::LogLevel> names[] = {
+      {"warning", utils::kLogWarning}, {"debug", utils::kLogDebug}, {"trace", utils::kLogTrace},
+      {"none", utils::kLogNone},       {"info", utils::kLogInfo},   {"error", utils::kLogInfo},
+      {"Debug", utils::kLogInfo},      {"", utils::kLogInfo},       {"debug ", utils::kLogInfo},
+  };
+  for (const auto& [name, level] : names) {
+    utils::SetLogLevel(utils::kLogTrace);
+    utils::SetLogLevel(std::string(name));
+    EXPECT_EQ(utils::GetLogLevel(), level) << "'" << name << "'";
+  }
+  const std::pair<int, utils::LogLevel> values[] = {
+      {0, utils::kLogNone}, {1, utils::kLogInfo}, {2, utils::kLogWarning}, {3, utils::kLogInfo},
+      {4, utils::kLogDebug}, {5, utils::kLogTrace}, {6, utils::kLogInfo}, {-1, utils::kLogInfo},
+  };
+  for (const auto& [value, level] : values) {
+    utils::SetLogLevel(utils::kLogTrace);
+    utils::SetLogLevel(static_cast<utils::LogLevel>(value));
+    EXPECT_EQ(utils::GetLogLevel(), level) << value;
+  }
+}
+
+TEST_F(LoggerTest, TheDefaultLevelShowsInformationWarningsAndErrors) {
+  const Captured c = Capture([] {
+    LOG_DEBUG("[%s] hidden %d\n", "f", 1);
+    LOG_INFO("[%s] plain %d\n", "f", 2);
+    LOG_WARNING("[%s] careful %d\n", "f", 3);
+    LOG_ERROR("[%s] broken %d\n", "f", 4);
+  });
+  // Information carries no time stamp; the colour prefix comes before the time stamp.
+  EXPECT_TRUE(std::regex_match(
+      c.out, std::regex(std::string("\\[f\\] plain 2\n") + "\033\\[31mWarning\033\\[0m: " +
+                        kStamp + "\\[f\\] careful 3\n")))
+      << c.out;
+  EXPECT_TRUE(std::regex_match(
+      c.err, std::regex(std::string("\033\\[31mError\033\\[0m: ") + kStamp + "\\[f\\] broken 4\n")))
+      << c.err;
+}
+
+TEST_F(LoggerTest, LevelsFilterMessages) {
+  utils::SetLogLevel("warning");
+  Captured c = Capture([] {
+    LOG_INFO("info\n");
+    LOG_WARNING("warning\n");
+    LOG_ERROR("error\n");
+  });
+  EXPECT_EQ(c.out.find("info"), std::string::npos);
+  EXPECT_NE(c.out.find("warning"), std::string::npos);
+  EXPECT_NE(c.err.find("error"), std::string::npos);
+
+  utils::SetLogLevel("none");
+  c = Capture([] {
+    LOG_ERROR("error\n");
+    LOG_WARNING("warning\n");
+    utils::Print(utils::kLogError, "printed error\n");
+  });
+  EXPECT_EQ(c.out + c.err, "");
+
+  utils::SetLogLevel("debug");
+  c = Capture([] { LOG_DEBUG("[%s] count: %d\n", "dmkfdGetNodeCount", 2); });
+  EXPECT_TRUE(std::regex_match(c.out, std::regex(std::string(kStamp) +
+                                                 "\\[dmkfdGetNodeCount\\] count: 2\n")))
+      << c.out;
+}
+
+TEST_F(LoggerTest, TraceAddsTheSourceFileAndLine) {
+  utils::SetLogLevel("trace");
+  int line = 0;
+  const Captured c = Capture([&] {
+    line = __LINE__ + 1;
+    LOG_ERROR("[%s] lost\n", "f");
+    LOG_WARNING("[%s] warn\n", "f");
+    LOG_INFO("[%s] note\n", "f");
+  });
+  const std::string where = "\\[tests/utils/logger_test\\.cpp : ";
+  EXPECT_TRUE(std::regex_match(c.err, std::regex(std::string("\033\\[31mError\033\\[0m: ") + kStamp +
+                                                 where + std::to_string(line) + "\\] \\[f\\] lost\n")))
+      << c.err;
+  EXPECT_TRUE(std::regex_match(
+      c.out, std::regex(std::string("\033\\[31mWarning\033\\[0m: ") + kStamp + where +
+                        std::to_string(line + 1) + "\\] \\[f\\] warn\n" + where +
+                        std::to_string(line + 2) + "\\] \\[f\\] note\n")))
+      << c.out;
+}
+
+TEST_F(LoggerTest, PrintOfAFinishedStringStillInterpretsPercent) {
+  const Captured c = Capture([] { utils::Print(utils::kLogInfo, std::string("100%% done\n")); });
+  EXPECT_EQ(c.out, "100% done\n");
+}
+
+TEST_F(LoggerTest, TheLogFileGetsACopyOfEveryMessage) {
+  ScratchDir dir;
+  const std::string first = dir / "first.log";
+  const std::string second = dir / "second.log";
+  Capture([&] {
+    utils::SetLogFile(first);
+    LOG_INFO("one\n");
+    LOG_ERROR("two\n");
+    utils::SetLogFile("");  // keeps the open file
+    LOG_INFO("three\n");
+    utils::SetLogFile(second);  // closes the first one
+    LOG_INFO("four\n");
+  });
+  const std::string file_stamp = R"(\[\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\] )";
+  EXPECT_TRUE(std::regex_match(ReadFile(first),
+                               std::regex(file_stamp + "one\n" + file_stamp +
+                                          "\033\\[31mError\033\\[0m: " + kStamp + "two\n" +
+                                          file_stamp + "three\n")))
+      << ReadFile(first);
+  EXPECT_TRUE(std::regex_match(ReadFile(second), std::regex(file_stamp + "four\n")));
+
+  // A path that cannot be opened leaves the logger without a file and says why.
+  const Captured c = Capture([&] {
+    utils::SetLogFile(dir / "missing/dir.log");
+    LOG_INFO("five\n");
+  });
+  EXPECT_NE(c.out.find(std::string(kRedWarning)), std::string::npos);
+  EXPECT_NE(c.out.find("Open file: No such file or directory\n"), std::string::npos) << c.out;
+  EXPECT_EQ(ReadFile(second).find("five"), std::string::npos);
+}
+
+TEST_F(LoggerTest, ConcurrentMessagesNeverInterleave) {
+  ScratchDir dir;
+  const std::string path = dir / "threads.log";
+  constexpr int kThreads = 8;
+  constexpr int kMessages = 200;
+  Capture([&] {
+    utils::SetLogFile(path);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([t] {
+        const std::string body(300, static_cast<char>('a' + t));
+        for (int i = 0; i < kMessages; ++i) {
+          if (i % 2)
+            LOG_WARNING("<%d:%d:%s>\n", t, i, body.c_str());
+          else
+            LOG_INFO("<%d:%d:%s>\n", t, i, body.c_str());
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    utils::SetLogFile(dir / "after.log");
+  });
+  std::istringstream lines(ReadFile(path));
+  const std::regex whole(R"(\[[^\]]+\] ()" + std::string("\033\\[31mWarning\033\\[0m: ") +
+                         kStamp + R"()?<(\d):(\d+):([a-h])\4{299}>)");
+  int count = 0;
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(line, m, whole)) << "torn line: " << line;
+    EXPECT_EQ(m[4].str()[0], 'a' + std::stoi(m[2].str()));
+    ++count;
+  }
+  EXPECT_EQ(count, kThreads * kMessages);
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+// Helpers shared by the utility tests: scratch directories, descriptor and child counts.
+#ifndef ZOVDX_TESTS_UTILS_TEST_SUPPORT_H_
+#define ZOVDX_TESTS_UTILS_TEST_SUPPORT_H_
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace testing_support {
+
+// A fresh directory under /tmp, removed with everything in it at scope exit.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    char pattern[] = "/tmp/zovdx-test-XXXXXX";
+    path_ = mkdtemp(pattern);
+  }
+  ~ScratchDir() {
+    const std::string command = "rm -rf '" + path_ + "'";
+    if (system(command.c_str()) != 0) perror("rm");
+  }
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+inline int OpenDescriptorCount() {
+  int count = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (readdir(dir) != nullptr) ++count;
+    closedir(dir);
+  }
+  return count;
+}
+
+// Processes whose parent is this process, zombies included.
+inline int ChildCount() {
+  int count = 0;
+  const std::string me = std::to_string(getpid());
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return -1;
+  while (const dirent* entry = readdir(proc)) {
+    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+    std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) continue;
+    // The parent pid is the second field after the parenthesised command name.
+    const size_t close = line.rfind(')');
+    if (close == std::string::npos) continue;
+    std::istringstream rest(line.substr(close + 2));
+    std::string state, ppid;
+    rest >> state >> ppid;
+    if (ppid == me) ++count;
+  }
+  closedir(proc);
+  return count;
+}
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace testing_support
+
+#endif  // ZOVDX_TESTS_UTILS_TEST_SUPPORT_H_
