@@ -17,5 +17,9 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zovdxConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/zovdxConfig.cmake ${PROJECT_BINARY_DIR}/zovdxConfigVersion.cmake
   DESTINATION ${ZOVDX_CMAKE_DIR})
 
+# The pkg-config file finds the prefix from where it lies, so the tree can be installed
+# under any --prefix (or DESTDIR) and moved.
+file(RELATIVE_PATH ZOVDX_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" ZOVDX_PC_TO_PREFIX "${ZOVDX_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/zovdx.pc.in ${PROJECT_BINARY_DIR}/zovdx.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zovdx.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

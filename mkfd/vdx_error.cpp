@@ -1,4 +1,6 @@
 // The fixed English sentence of every status code.
+#include <cstring>
+
 #include "zovdx/vdx.h"
 
 namespace {
@@ -60,8 +62,11 @@ constexpr StatusText kStatusTexts[] = {
 }  // namespace
 
 extern "C" vdxStatus vdxGetStatusString(vdxStatus status, const char** status_string) {
-  // Compared unsigned so that a negative code can never index anything.
-  const unsigned int code = static_cast<unsigned int>(status);
+  // C callers may pass any int. Take the bits as they came, without loading them as an
+  // enumeration value (which C++ would not allow outside its range), and compare unsigned.
+  unsigned int code;
+  static_assert(sizeof(code) == sizeof(status), "vdxStatus travels as a 32-bit int");
+  std::memcpy(&code, &status, sizeof(code));
   for (const StatusText& entry : kStatusTexts) {
     if (entry.code == code) {
       *status_string = entry.text;

@@ -58,7 +58,7 @@ TEST_F(LoggerTest, LevelsByNameAndByValue) {
   }
   const std::pair<int, utils::LogLevel> values[] = {
       {0, utils::kLogNone}, {1, utils::kLogInfo}, {2, utils::kLogWarning}, {3, utils::kLogInfo},
-      {4, utils::kLogDebug}, {5, utils::kLogTrace}, {6, utils::kLogInfo}, {-1, utils::kLogInfo},
+      {4, utils::kLogDebug}, {5, utils::kLogTrace}, {6, utils::kLogInfo}, {7, utils::kLogInfo},
   };
   for (const auto& [value, level] : values) {
     utils::SetLogLevel(utils::kLogTrace);

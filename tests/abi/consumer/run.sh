@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the build into a temporary prefix and builds a consumer against it twice: with
+# pkg-config and with find_package. Both must compile, link and run.
+# usage: run.sh BUILD_DIR CONSUMER_SOURCE_DIR [extra compiler flags...]
+set -euo pipefail
+build=$1 source=$2
+shift 2
+extra_flags="$*"
+work=$(mktemp -d /tmp/zovdx-consumer-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+libdir=$(dirname "$(find "$prefix" -name 'libzovdx.so.1.0.0' | head -n 1)")
+[ -f "$libdir/libzovdx.so.1.0.0" ] || { echo "FAIL: no libzovdx.so.1.0.0 installed"; exit 1; }
+[ "$(readlink "$libdir/libzovdx.so.1")" = libzovdx.so.1.0.0 ] || { echo "FAIL: libzovdx.so.1 link"; exit 1; }
+[ "$(readlink "$libdir/libzovdx.so")" = libzovdx.so.1 ] || { echo "FAIL: libzovdx.so link"; exit 1; }
+[ -f "$prefix/include/zovdx/vdx.h" ] || { echo "FAIL: header not installed"; exit 1; }
+
+echo "== pkg-config"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+# shellcheck disable=SC2046,SC2086
+cc -std=c99 -Wall -Werror $extra_flags "$source/consumer.c" $(pkg-config --cflags --libs zovdx) -o "$work/with-pkg-config"
+LD_LIBRARY_PATH=$libdir "$work/with-pkg-config"
+
+echo "== find_package"
+cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+      -DCMAKE_C_FLAGS="$extra_flags" -DCMAKE_EXE_LINKER_FLAGS="$extra_flags" >/dev/null
+cmake --build "$work/build" >/dev/null
+"$work/build/consumer"   # the imported target carries the run path
+echo "consumer ok"
