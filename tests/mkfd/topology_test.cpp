@@ -1,0 +1,247 @@
+// The topology scan and the property readers, on sysfs trees shaped by each test in a
+// private mount namespace.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "mkfd/include/dmkfd.h"
+#include "tests/mkfd/private_machine.h"
+
+namespace {
+
+using mkfd_test::AcceleratorProperties;
+using mkfd_test::BankProperties;
+using mkfd_test::Node;
+using mkfd_test::RunInPrivateMachine;
+
+constexpr uint32_t kOwnVendor = 0x2E70;
+constexpr uint64_t kGiB = 1ull << 30;
+
+Node Cpu() { return Node{0u, "cpu_cores_count 16\nsimd_count 0\n", {}, true}; }
+
+Node Accelerator(uint32_t gpu_id, uint32_t device, uint32_t simd_count, uint64_t memory) {
+  return Node{gpu_id, AcceleratorProperties(kOwnVendor, device, 0, simd_count),
+              {{BankProperties(DM_HEAPTYPE_FRAME_BUFFER_PUBLIC, memory)}}, true};
+}
+
+// Writes the tree, makes the device node, and opens the connection.
+void OpenMachine(const std::vector<Node>& nodes) {
+  mkfd_test::CreateFakeDevice();
+  mkfd_test::WriteTopology(nodes);
+  ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);
+}
+
+void CloseMachine() {
+  EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
+}
+
+// Properties of user node `node`, read over a record whose every byte is 0xA5 first, so
+// that fields the file does not set are recognisable.
+dmkfdNodeProperties ReadProperties(uint32_t node, vdxStatus expected = VDX_STATUS_SUCCESS) {
+  dmkfdNodeProperties props;
+  memset(&props, 0xA5, sizeof(props));
+  EXPECT_EQ(dmkfdGetNodeProperties(node, &props), expected) << "node " << node;
+  return props;
+}
+
+constexpr uint32_t kUnset32 = 0xA5A5A5A5;
+constexpr uint64_t kUnset64 = 0xA5A5A5A5A5A5A5A5;
+
+TEST(Topology, CpuNodesAreSkippedAndAcceleratorsNumberedFromZero) {
+  RunInPrivateMachine([] {
+    OpenMachine({Cpu(), Accelerator(4097, 0x5010, 240, 32 * kGiB), Cpu(),
+                 Accelerator(8193, 0x5020, 256, 16 * kGiB)});
+    uint32_t count = 0;
+    EXPECT_EQ(dmkfdGetNodeCount(&count), VDX_STATUS_SUCCESS);
+    EXPECT_EQ(count, 2u);
+
+    uint32_t gpu = 0, node = 99;
+    EXPECT_EQ(dmkfdGetNodeGpuId(0, &gpu), VDX_STATUS_SUCCESS);
+    EXPECT_EQ(gpu, 4097u);
+    EXPECT_EQ(dmkfdGetNodeGpuId(1, &gpu), VDX_STATUS_SUCCESS);
+    EXPECT_EQ(gpu, 8193u);
+    EXPECT_EQ(dmkfdGetNodeGpuId(2, &gpu), VDX_STATUS_ERROR);
+    EXPECT_EQ(dmkfdGetNodeByGpuId(8193, &node), VDX_STATUS_SUCCESS);
+    EXPECT_EQ(node, 1u);
+    // A CPU node's gpu id is not an accelerator.
+    EXPECT_EQ(dmkfdGetNodeByGpuId(0, &node), VDX_STATUS_ERROR);
+    EXPECT_EQ(dmkfdGetNodeByGpuId(4098, &node), VDX_STATUS_ERROR);
+
+    // User node 1 is sysfs node 3.
+    const dmkfdNodeProperties props = ReadProperties(1);
+    EXPECT_EQ(props.SimdCount, 256u);
+    EXPECT_STREQ(props.MarketingName, "ZO XC-200");
+    EXPECT_EQ(props.GlobalMemSize, 16 * kGiB);
+    ReadProperties(2, VDX_STATUS_INVALID_ARGUMENTS);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, NodeWithoutGpuIdShiftsLaterAcceleratorsDown) {
+  RunInPrivateMachine([] {
+    Node broken = Accelerator(4097, 0x5010, 240, 32 * kGiB);
+    broken.gpu_id.reset();
+    OpenMachine({Cpu(), broken, Accelerator(8193, 0x7100, 120, 8 * kGiB)});
+    uint32_t count = 0, gpu = 0;
+    EXPECT_EQ(dmkfdGetNodeCount(&count), VDX_STATUS_SUCCESS);
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(dmkfdGetNodeGpuId(0, &gpu), VDX_STATUS_SUCCESS);
+    EXPECT_EQ(gpu, 8193u);
+    EXPECT_EQ(ReadProperties(0).SimdCount, 120u);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, EveryFieldIsReadAndAbsentKeysKeepTheCallersValues) {
+  RunInPrivateMachine([] {
+    // Unknown keys before, between and after the known ones; no "dp4x_status" line.
+    const std::string text =
+        "cpu_cores_count 0\nlocation_id 1280\nfw_version 99\ndomain 3\nsimd_count 240\n"
+        "simd_per_cu 4\nhive_id 12345678901234\ncu_per_simd_array 10\n"
+        "simd_arrays_per_engine 2\narray_count 6\nvendor_id 11888\ndevice_id 28944\n"
+        "subsystem_device 2049\nmax_waves_per_simd 8\nnum_gws 64\n";
+    Node node{7u, text, {{BankProperties(DM_HEAPTYPE_FRAME_BUFFER_PUBLIC, 64 * kGiB)}}, true};
+    OpenMachine({Cpu(), node});
+    const dmkfdNodeProperties props = ReadProperties(0);
+    EXPECT_EQ(props.LocationId, 1280u);
+    EXPECT_EQ(props.Domain, 3u);
+    EXPECT_EQ(props.SimdCount, 240u);
+    EXPECT_EQ(props.SimdPerCu, 4u);
+    EXPECT_EQ(props.CuPerSimdArray, 10u);
+    EXPECT_EQ(props.SimdArraysPerEngine, 2u);
+    EXPECT_EQ(props.ArrayCount, 6u);
+    EXPECT_EQ(props.VendorId, 0x2E70u);
+    EXPECT_EQ(props.DeviceId, 0x7110u);
+    EXPECT_EQ(props.SubSystemId, 0x0801u);
+    EXPECT_EQ(props.MaxWavePerSimd, 8u);
+    EXPECT_EQ(props.Dp4xStatus, kUnset32);
+    EXPECT_EQ(props.GlobalMemSize, 64 * kGiB);
+    EXPECT_STREQ(props.MarketingName, "ZO ZX-800 Pro 64G");
+    CloseMachine();
+  });
+}
+
+TEST(Topology, ValueThatIsNotANumberEndsTheParse) {
+  RunInPrivateMachine([] {
+    const std::string text =
+        "simd_count 240\nvendor_id 11888\nmarketing_name ZO-XC\ndevice_id 20496\n"
+        "simd_per_cu 4\n";
+    OpenMachine({Node{9u, text, {}, true}});
+    const dmkfdNodeProperties props = ReadProperties(0);
+    EXPECT_EQ(props.SimdCount, 240u);
+    EXPECT_EQ(props.VendorId, 0x2E70u);
+    EXPECT_EQ(props.DeviceId, kUnset32);
+    EXPECT_EQ(props.SimdPerCu, kUnset32);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, ValuesAreCutToTheirFieldWidth) {
+  RunInPrivateMachine([] {
+    const std::string text = "simd_count 4294967297\nlocation_id 18446744073709551615\n";
+    Node node{9u, text, {{"heap_type 1\nsize_in_bytes 18446744073709551615\n"}}, true};
+    OpenMachine({node});
+    const dmkfdNodeProperties props = ReadProperties(0);
+    EXPECT_EQ(props.SimdCount, 1u);
+    EXPECT_EQ(props.LocationId, 0xFFFFFFFFu);
+    EXPECT_EQ(props.GlobalMemSize, UINT64_MAX);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, NodesWithoutAPublicBankKeepTheCallersSize) {
+  RunInPrivateMachine([] {
+    Node no_public = Accelerator(12, 0x5010, 240, 0);
+    // A local-memory bank, and a bank whose properties cannot be read.
+    no_public.banks = {{BankProperties(DM_HEAPTYPE_GPU_LDS, kGiB)}, {""}};
+    Node no_banks = Accelerator(13, 0x5010, 240, 0);
+    no_banks.has_mem_banks = false;
+    Node no_heap_type = Accelerator(14, 0x5010, 240, 0);
+    no_heap_type.banks = {{"size_in_bytes 4096\n"}};
+    OpenMachine({no_public, no_banks, no_heap_type});
+    EXPECT_EQ(ReadProperties(0).GlobalMemSize, kUnset64);
+    EXPECT_EQ(ReadProperties(1).GlobalMemSize, kUnset64);
+    EXPECT_EQ(ReadProperties(2).GlobalMemSize, kUnset64);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, TwoPublicBanksTheHigherNumberedWins) {
+  RunInPrivateMachine([] {
+    Node node = Accelerator(11, 0x5010, 240, 0);
+    node.banks = {{BankProperties(DM_HEAPTYPE_FRAME_BUFFER_PUBLIC, 8 * kGiB)},
+                  {BankProperties(DM_HEAPTYPE_FRAME_BUFFER_PUBLIC, 24 * kGiB)},
+                  {BankProperties(DM_HEAPTYPE_FRAME_BUFFER_PRIVATE, 64 * kGiB)}};
+    OpenMachine({node});
+    EXPECT_EQ(ReadProperties(0).GlobalMemSize, 24 * kGiB);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, PropertiesFileLongerThanAPageIsCut) {
+  RunInPrivateMachine([] {
+    // Only the first 4095 bytes are read. Lay the text out so that "simd_count 123456"
+    // starts at byte 4082 and is cut after "simd_count 12", and a key lies wholly beyond.
+    std::string text = "vendor_id 11888\ndomain 7\n";
+    while (text.size() < 4077) text += "x 1\n";
+    text += "y 22\n";
+    ASSERT_EQ(text.size(), 4082u);
+    text += "simd_count 123456\n";
+    text += "device_id 20496\n";
+    ASSERT_GT(text.size(), 4096u);
+    OpenMachine({Node{5u, text, {}, true}});
+    const dmkfdNodeProperties props = ReadProperties(0);
+    EXPECT_EQ(props.VendorId, 0x2E70u);
+    EXPECT_EQ(props.Domain, 7u);
+    EXPECT_EQ(props.SimdCount, 12u);
+    EXPECT_EQ(props.DeviceId, kUnset32);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, KeyLongerThanTheParseBuffer) {
+  RunInPrivateMachine([] {
+    // Under AddressSanitizer any write past the key buffer fails the child.
+    const std::string text =
+        "vendor_id 11888\n" + std::string(1000, 'k') + " 5\ndevice_id 20496\n";
+    OpenMachine({Node{5u, text, {}, true}});
+    const dmkfdNodeProperties props = ReadProperties(0);
+    EXPECT_EQ(props.VendorId, 0x2E70u);
+    EXPECT_EQ(props.DeviceId, kUnset32);
+    CloseMachine();
+  });
+}
+
+TEST(Topology, ForeignVendorAndUnlistedDeviceHaveNoName) {
+  RunInPrivateMachine([] {
+    Node foreign = Accelerator(21, 0x5010, 240, kGiB);
+    foreign.properties = AcceleratorProperties(0x10DE, 0x5010, 0x0101, 240);
+    Node unlisted = Accelerator(22, 0x5310, 240, kGiB);
+    Node other_vendor = Accelerator(23, 0x5010, 240, kGiB);
+    other_vendor.properties = AcceleratorProperties(0x1002, 0x5010, 0x0101, 240);
+    OpenMachine({foreign, unlisted, other_vendor});
+    EXPECT_STREQ(ReadProperties(0).MarketingName, "");
+    EXPECT_STREQ(ReadProperties(1).MarketingName, "");
+    EXPECT_STREQ(ReadProperties(2).MarketingName, "ZO XC-100 32G");
+    CloseMachine();
+  });
+}
+
+TEST(Topology, UnreadablePropertiesFail) {
+  RunInPrivateMachine([] {
+    Node missing = Accelerator(31, 0x5010, 240, kGiB);
+    missing.properties.clear();  // no file
+    Node empty = Accelerator(32, 0x5010, 240, kGiB);
+    OpenMachine({missing, empty});
+    mkfd_test::WriteFile("/sys/devices/virtual/kfd/kfd/topology/nodes/1/properties", "");
+    ReadProperties(0, VDX_STATUS_ERROR);
+    ReadProperties(1, VDX_STATUS_ERROR);
+    CloseMachine();
+  });
+}
+
+}  // namespace
