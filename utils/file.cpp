@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -78,6 +79,24 @@ bool WriteTextFile(const std::string& directory, const std::string& fileName,
   ok = fsync(fileno(fp)) == 0 && ok;
   ok = fclose(fp) == 0 && ok;
   return ok;
+}
+
+bool ForEachLine(const std::string& path,
+                 const std::function<bool(const std::string&)>& visit) {
+  FILE* fp = fopen(path.c_str(), "re");
+  if (fp == nullptr) return false;
+  char* buffer = nullptr;
+  size_t capacity = 0;
+  ssize_t length;
+  std::string line;
+  while ((length = getline(&buffer, &capacity, fp)) >= 0) {
+    line.assign(buffer, static_cast<size_t>(length));
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    if (!visit(line)) break;
+  }
+  free(buffer);
+  fclose(fp);
+  return true;
 }
 
 bool GetFileNamesInDirectory(const std::string& directory, std::vector<std::string>& names) {

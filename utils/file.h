@@ -3,6 +3,7 @@
 #ifndef ZOVDX_UTILS_FILE_H_
 #define ZOVDX_UTILS_FILE_H_
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,6 +23,10 @@ bool CreateDirectory(const std::string& path);
 // creating the directory, and syncs it to disk before returning true.
 bool WriteTextFile(const std::string& directory, const std::string& fileName,
                    const std::string& content, bool append);
+
+// Calls visit with each line of path (without its line end) until visit returns false.
+// False when the file cannot be opened. The descriptor is close-on-exec.
+bool ForEachLine(const std::string& path, const std::function<bool(const std::string&)>& visit);
 
 // Appends every entry name but "." and ".." to names, in directory order.
 bool GetFileNamesInDirectory(const std::string& directory, std::vector<std::string>& names);

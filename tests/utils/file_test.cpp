@@ -109,6 +109,26 @@ TEST(FileHelpers, WriteTextFileReportsAFullDevice) {
   EXPECT_FALSE(WriteTextFile("/dev", "full", std::string(100000, 'x'), false));
 }
 
+TEST(FileHelpers, ForEachLineVisitsLinesUntilToldToStop) {
+  ScratchDir dir;
+  const std::string long_line(10000, 'L');
+  ASSERT_TRUE(WriteTextFile(dir.path(), "lines", "one\n\n" + long_line + "\nlast", false));
+  std::vector<std::string> seen;
+  ASSERT_TRUE(ForEachLine(dir / "lines", [&](const std::string& line) {
+    seen.push_back(line);
+    return true;
+  }));
+  EXPECT_EQ(seen, (std::vector<std::string>{"one", "", long_line, "last"}));
+
+  seen.clear();
+  ASSERT_TRUE(ForEachLine(dir / "lines", [&](const std::string& line) {
+    seen.push_back(line);
+    return seen.size() < 2;
+  }));
+  EXPECT_EQ(seen.size(), 2u);
+  EXPECT_FALSE(ForEachLine(dir / "missing", [](const std::string&) { return true; }));
+}
+
 TEST(FileHelpers, ListsDirectoryEntries) {
   ScratchDir dir;
   ASSERT_TRUE(WriteTextFile(dir.path(), "vdev1.conf", "", false));

@@ -1,0 +1,254 @@
+// Container detection: the file probes on files the tests write, the overrides, and the
+// kernel-worker probe on the host and inside a fresh PID namespace.
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "common/env_check.h"
+#include "common/process_list.h"
+#include "tests/utils/test_support.h"
+#include "utils/file.h"
+#include "utils/logger.h"
+
+namespace {
+
+using testing_support::ScratchDir;
+
+const std::string kHex64 = "0123456789abcdefABCDEF0123456789abcdef0123456789abcdef0123456789";
+
+struct ProbeResult {
+  bool returned;
+  bool in_container;
+  std::string id;
+};
+
+ProbeResult Probe(const ScratchDir& dir, const std::string& content, const std::string& marker,
+                  bool start_in_container = false) {
+  EXPECT_TRUE(WriteTextFile(dir.path(), "cgroup", content, false));
+  ProbeResult r{false, start_in_container, "stale"};
+  r.returned = CheckDockerContainerEnvByFS(dir / "cgroup", marker, r.in_container, &r.id);
+  return r;
+}
+
+TEST(ContainerFileProbe, FindsMarkersAndIds) {
+  ScratchDir dir;
+  ProbeResult r = Probe(dir, "12:pids:/\n0::/docker-" + kHex64 + ".scope\n", "/docker-");
+  EXPECT_TRUE(r.returned);
+  EXPECT_TRUE(r.in_container);
+  EXPECT_EQ(r.id, kHex64);
+
+  // Seventy digits: the id is the first 64.
+  r = Probe(dir, "0::/docker/" + kHex64 + "abcdef\n", "/docker/");
+  EXPECT_EQ(r.id, kHex64);
+
+  // Fewer digits, then the end of the line.
+  r = Probe(dir, "0::/kubepods/abc123\n", "/kubepods/");
+  EXPECT_TRUE(r.in_container);
+  EXPECT_EQ(r.id, "abc123");
+
+  // A marker at the very end of a line gives an empty id and ends the search.
+  r = Probe(dir, "0::/containerd/\n0::/containerd/beef\n", "/containerd/");
+  EXPECT_TRUE(r.in_container);
+  EXPECT_EQ(r.id, "");
+
+  // The first line whose text after the marker is hexadecimal names the id.
+  r = Probe(dir, "1::/docker/aaaa\n2::/docker/bbbb\n", "/docker/");
+  EXPECT_EQ(r.id, "aaaa");
+}
+
+TEST(ContainerFileProbe, ANonHexadecimalTailMarksButNamesNothing) {
+  ScratchDir dir;
+  // A systemd scope name after the marker: containerised, but no id from that line.
+  ProbeResult r = Probe(dir, "0::/system.slice/docker-xyz.scope\n", "/docker-");
+  EXPECT_TRUE(r.returned);
+  EXPECT_TRUE(r.in_container);
+  EXPECT_EQ(r.id, "");
+  // A later line may still supply it.
+  r = Probe(dir, "0::/docker-scope.name\n1::/docker-" + kHex64 + "\n", "/docker-");
+  EXPECT_EQ(r.id, kHex64);
+  // No marker at all: untouched.
+  r = Probe(dir, "0::/user.slice\n", "/docker-");
+  EXPECT_TRUE(r.returned);
+  EXPECT_FALSE(r.in_container);
+  EXPECT_EQ(r.id, "stale");
+}
+
+TEST(ContainerFileProbe, AnEarlierPositiveShortCircuitsAndAMissingFileFails) {
+  ScratchDir dir;
+  bool in_container = true;
+  std::string id = "kept";
+  EXPECT_TRUE(CheckDockerContainerEnvByFS(dir / "missing", "/docker/", in_container, &id));
+  EXPECT_EQ(id, "kept");
+
+  in_container = false;
+  utils::SetLogLevel("debug");
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(CheckDockerContainerEnvByFS(dir / "missing", "/docker/", in_container, &id));
+  const std::string out = testing::internal::GetCapturedStdout();
+  utils::SetLogLevel("info");
+  EXPECT_FALSE(in_container);
+  // The message names the cgroup file whichever file was asked for.
+  EXPECT_NE(out.find("Unable to open file /proc/self/cgroup."), std::string::npos) << out;
+  EXPECT_TRUE(CheckDockerContainerEnvByFS(dir / "missing", "/x/", in_container, nullptr) == false);
+}
+
+class EnvOverride : public testing::Test {
+ protected:
+  void TearDown() override {
+    unsetenv("VDX_RUNTIME_ENV_OVERRIDE");
+    unsetenv("VDX_OVERRIDE_CONTAINER_ID");
+  }
+};
+
+TEST_F(EnvOverride, ExactSpellingsForceTheAnswer) {
+  bool in_container = true;
+  std::string id = "stale";
+  setenv("VDX_RUNTIME_ENV_OVERRIDE", "bare-metal", 1);
+  setenv("VDX_OVERRIDE_CONTAINER_ID", "ignored", 1);
+  EXPECT_TRUE(CheckContainerEnv(in_container, &id));
+  EXPECT_FALSE(in_container);
+  EXPECT_EQ(id, "");
+
+  setenv("VDX_RUNTIME_ENV_OVERRIDE", "container", 1);
+  setenv("VDX_OVERRIDE_CONTAINER_ID", "not-even-hex!", 1);
+  EXPECT_TRUE(CheckContainerEnv(in_container, &id));
+  EXPECT_TRUE(in_container);
+  EXPECT_EQ(id, "not-even-hex!");  // taken as it stands
+
+  unsetenv("VDX_OVERRIDE_CONTAINER_ID");
+  id = "stale";
+  EXPECT_TRUE(CheckContainerEnv(in_container, &id));
+  EXPECT_TRUE(in_container);
+  EXPECT_EQ(id, "");
+  EXPECT_TRUE(CheckContainerEnv(in_container, nullptr));
+}
+
+// What automatic detection says here, computed without the overrides.
+bool DetectedHere(std::string* id) {
+  unsetenv("VDX_RUNTIME_ENV_OVERRIDE");
+  bool in_container = true;
+  EXPECT_TRUE(CheckContainerEnv(in_container, id));
+  return in_container;
+}
+
+TEST_F(EnvOverride, NearMissesFallBackToDetection) {
+  std::string expected_id;
+  const bool expected = DetectedHere(&expected_id);
+  for (const char* value : {"Bare-Metal", "bare metal", "baremetal", "Container", "container ",
+                            " container", ""}) {
+    setenv("VDX_RUNTIME_ENV_OVERRIDE", value, 1);
+    setenv("VDX_OVERRIDE_CONTAINER_ID", "forced", 1);
+    bool in_container = !expected;
+    std::string id = "stale";
+    EXPECT_TRUE(CheckContainerEnv(in_container, &id)) << value;
+    EXPECT_EQ(in_container, expected) << "'" << value << "'";
+    if (!expected) {
+      EXPECT_NE(id, "forced") << "'" << value << "'";
+    }
+  }
+}
+
+bool KernelWorkersVisible() {
+  bool seen = false;
+  ForEachProcessCommand([&seen](const std::string& command) {
+    seen = command.rfind("[kworker/", 0) == 0;
+    return !seen;
+  });
+  return seen;
+}
+
+TEST(KernelWorkerProbe, OverturnsAPositiveWhereKernelThreadsShow) {
+  if (!KernelWorkersVisible()) GTEST_SKIP() << "no kernel worker threads in this PID namespace";
+  bool in_container = true;
+  std::string id = kHex64;
+  EXPECT_TRUE(CheckContainerEnvByKWorker(in_container, &id));
+  EXPECT_FALSE(in_container);
+  EXPECT_EQ(id, "");
+}
+
+TEST(KernelWorkerProbe, LeavesAPositiveInAFreshPidNamespace) {
+  // The probe runs as pid 1 of a new PID namespace with its own /proc: no kernel threads.
+  const pid_t outer = fork();
+  ASSERT_GE(outer, 0);
+  if (outer == 0) {
+    if (unshare(CLONE_NEWNS | CLONE_NEWPID) != 0) _exit(77);
+    const pid_t inner = fork();
+    if (inner == 0) {
+      if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(77);
+      if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) _exit(77);
+      bool in_container = true;
+      std::string id = "feed";
+      if (!CheckContainerEnvByKWorker(in_container, &id)) _exit(1);
+      _exit(in_container && id == "feed" ? 0 : 2);
+    }
+    int status = 0;
+    if (inner < 0 || waitpid(inner, &status, 0) != inner || !WIFEXITED(status)) _exit(3);
+    _exit(WEXITSTATUS(status));
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(outer, &status, 0), outer);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "cannot make a PID namespace here (not root?)";
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(ProcessList, ShowsCommandLinesAndBracketedNames) {
+  bool found_self = false;
+  int count = 0;
+  ASSERT_TRUE(ForEachProcessCommand([&](const std::string& command) {
+    ++count;
+    EXPECT_FALSE(command.empty());
+    EXPECT_EQ(command.find('\0'), std::string::npos);
+    found_self |= command.find("common_test") != std::string::npos;
+    return true;
+  }));
+  EXPECT_TRUE(found_self) << "this test's own command line was not listed";
+  EXPECT_GT(count, 0);
+
+  // Stopping early stops the walk.
+  int visited = 0;
+  ASSERT_TRUE(ForEachProcessCommand([&](const std::string&) { return ++visited < 2; }));
+  EXPECT_LE(visited, 2);
+}
+
+// Runs body in a child with a private mount namespace (tmpfs over /sys/module); the exit
+// status is body's result, or 77 when such a namespace cannot be made here.
+template <typename Body>
+int WithPrivateModuleDir(Body body) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (unshare(CLONE_NEWNS) != 0) _exit(77);
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(77);
+    if (mount("tmpfs", "/sys/module", "tmpfs", 0, "size=64k") != 0) _exit(77);
+    _exit(body());
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+TEST(DriverState, OnlyALiveModuleCounts) {
+  const int result = WithPrivateModuleDir([] {
+    if (CheckDriverExist()) return 1;  // no module directory at all
+    const std::pair<const char*, bool> states[] = {
+        {"live\n", true}, {"coming\n", false}, {"going\n", false},
+        {"", false},      {"x\nlive", true},    {"Live\n", false},
+    };
+    int failures = 0;
+    for (const auto& [text, live] : states) {
+      if (!WriteTextFile("/sys/module/zocu", "initstate", text, false)) return 2;
+      if (CheckDriverExist() != live) ++failures;
+    }
+    return failures == 0 ? 0 : 10 + failures;
+  });
+  if (result == 77) GTEST_SKIP() << "cannot make a mount namespace here (not root?)";
+  EXPECT_EQ(result, 0);
+}
+
+}  // namespace

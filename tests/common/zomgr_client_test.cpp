@@ -1,0 +1,388 @@
+// The service client against a peer the test controls (one end of a socketpair), and the
+// two queries.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/env_check.h"
+#include "common/zomgr_client.h"
+#include "tests/utils/test_support.h"
+#include "utils/logger.h"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+using testing_support::OpenDescriptorCount;
+
+std::string Frame(int16_t cmd_type, const std::string& payload, int16_t from_type = FROM_TYPE_SERVER,
+                  int32_t magic = kCommandMagic, int32_t declared = -1) {
+  Command header;
+  header.header = magic;
+  header.from_pid = 1;
+  header.from_type = from_type;
+  header.cmd_type = cmd_type;
+  header.data_size = declared >= 0 ? declared : static_cast<int32_t>(payload.size());
+  return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + payload;
+}
+
+std::string Int32(int32_t value) { return std::string(reinterpret_cast<const char*>(&value), 4); }
+
+class ClientTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_), 0);
+    descriptors_ = OpenDescriptorCount();
+  }
+  void TearDown() override {
+    if (peer_.joinable()) peer_.join();
+    EXPECT_EQ(OpenDescriptorCount(), descriptors_) << "the client leaked a descriptor";
+    if (fds_[0] >= 0) close(fds_[0]);
+    if (fds_[1] >= 0) close(fds_[1]);
+    utils::SetLogLevel("info");
+  }
+
+  int client() const { return fds_[0]; }
+
+  // The peer writes bytes in pieces of the given size, a little apart, then optionally closes.
+  void Serve(const std::string& bytes, size_t piece = 0, bool close_after = false) {
+    peer_ = std::thread([this, bytes, piece, close_after] {
+      const size_t step = piece == 0 ? bytes.size() : piece;
+      for (size_t at = 0; at < bytes.size(); at += step) {
+        if (send(fds_[1], bytes.data() + at, std::min(step, bytes.size() - at), MSG_NOSIGNAL) < 0)
+          break;
+        if (piece != 0) usleep(200);
+      }
+      if (close_after) {
+        close(fds_[1]);
+        fds_[1] = -1;
+      }
+    });
+  }
+
+  // Receives one frame quietly (or not), returning the status and what was logged.
+  int Receive(Command** cmd, bool quiet, std::string* out = nullptr, std::string* err = nullptr) {
+    utils::SetLogLevel("debug");
+    CaptureStdout();
+    CaptureStderr();
+    const int rc = quiet ? RecvCommandQuiet(cmd, client()) : RecvCommand(cmd, client());
+    const std::string o = GetCapturedStdout();
+    const std::string e = GetCapturedStderr();
+    if (out) *out = o;
+    if (err) *err = e;
+    return rc;
+  }
+
+  int fds_[2] = {-1, -1};
+  int descriptors_ = 0;
+  std::thread peer_;
+};
+
+TEST_F(ClientTest, AssemblesRepliesHoweverTheyArrive) {
+  struct Case {
+    std::string payload;
+    size_t piece;
+  };
+  const Case cases[] = {
+      {"", 0},                           // a bare 16-byte header
+      {Int32(1), 1},                     // one byte per write
+      {std::string(1008, 'x'), 0},       // exactly what the staging buffer holds
+      {std::string(5000, 'y'), 0},       // longer than the staging buffer
+      {std::string(3000, 'z'), 700},     // long and in pieces
+  };
+  for (const Case& c : cases) {
+    Serve(Frame(CTYPE_GET_SYSTEM_MODE, c.payload), c.piece);
+    Command* cmd = nullptr;
+    ASSERT_EQ(Receive(&cmd, true), 0) << c.payload.size();
+    peer_.join();
+    ASSERT_NE(cmd, nullptr);
+    EXPECT_EQ(cmd->cmd_type, CTYPE_GET_SYSTEM_MODE);
+    ASSERT_EQ(cmd->data_size, static_cast<int32_t>(c.payload.size()));
+    EXPECT_EQ(std::string(cmd->cmd_data, c.payload.size()), c.payload);
+    free(cmd);
+  }
+}
+
+TEST_F(ClientTest, RefusesForeignAndOverlongFrames) {
+  struct Case {
+    std::string bytes;
+    const char* message;
+  };
+  const Case cases[] = {
+      {Frame(29, Int32(0), FROM_TYPE_SERVER, 0x12345678), "The received command is illegal\n"},
+      {Frame(29, Int32(0), FROM_TYPE_SMI), "The received command is illegal\n"},
+      {Frame(29, Int32(0), FROM_TYPE_SERVER, kCommandMagic, 2), "The command did not read complete\n"},
+      {Frame(1, ""), "Revice a invalid command\n"},
+  };
+  for (const Case& c : cases) {
+    Serve(c.bytes);
+    peer_.join();  // everything is in the socket before the first read
+    Command* cmd = nullptr;
+    std::string out, err;
+    EXPECT_EQ(Receive(&cmd, false, &out, &err), -1) << c.message;
+    EXPECT_EQ(cmd, nullptr);
+    EXPECT_NE(err.find(c.message), std::string::npos) << err;
+    // Drain what the client left unread before the next case.
+    char sink[8192];
+    while (recv(client(), sink, sizeof(sink), MSG_DONTWAIT) > 0) {
+    }
+  }
+}
+
+TEST_F(ClientTest, ReportsServiceErrors) {
+  struct Case {
+    int32_t status;
+    const char* text;
+  };
+  for (const Case& c : {Case{9, "Devices is used"}, Case{27, "Exceed maximum porcess limit"},
+                        Case{77, "A generic error has occurred"}, Case{-1, "A generic error has occurred"}}) {
+    Serve(Frame(CTYPE_ERROR_COMMAND, Int32(c.status)));
+    Command* cmd = nullptr;
+    std::string out, err;
+    EXPECT_EQ(Receive(&cmd, true, &out, &err), -1);
+    peer_.join();
+    EXPECT_NE(out.find(std::string("DEBUG: ")), std::string::npos);
+    EXPECT_NE(out.find(std::string(c.text) + "\n"), std::string::npos) << out;
+    EXPECT_EQ(err, "") << "a quiet receive writes nothing at error level";
+  }
+}
+
+TEST_F(ClientTest, AVbiosFailureAlwaysReachesTheUser) {
+  utils::SetLogLevel("info");
+  Serve(Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_VBIOS_INIT_ERROR)));
+  CaptureStderr();
+  Command* cmd = nullptr;
+  EXPECT_EQ(RecvCommandQuiet(&cmd, client()), -1);
+  const std::string quiet = GetCapturedStderr();
+  peer_.join();
+  EXPECT_NE(quiet.find("VBIOS init failed\n"), std::string::npos) << quiet;
+
+  Serve(Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_VBIOS_INIT_ERROR)));
+  CaptureStderr();
+  EXPECT_EQ(RecvCommand(&cmd, client()), -1);
+  const std::string loud = GetCapturedStderr();
+  size_t count = 0;
+  for (size_t at = loud.find("VBIOS init failed"); at != std::string::npos;
+       at = loud.find("VBIOS init failed", at + 1))
+    ++count;
+  EXPECT_EQ(count, 2u) << loud;
+}
+
+TEST_F(ClientTest, ADisconnectMidFrameFails) {
+  // Half a header, then the header of a 100-byte frame with 40 bytes of it.
+  for (const std::string& bytes : {Frame(29, "").substr(0, 7), Frame(29, std::string(100, 'p')).substr(0, 56)}) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_EQ(send(pair[1], bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    close(pair[1]);
+    CaptureStderr();
+    Command* cmd = nullptr;
+    EXPECT_EQ(RecvCommand(&cmd, pair[0]), -1);
+    const std::string err = GetCapturedStderr();
+    EXPECT_NE(err.find("Server is disconnect, please check server\n"), std::string::npos) << err;
+    close(pair[0]);
+  }
+}
+
+TEST_F(ClientTest, SendsWellFormedRequests) {
+  ASSERT_EQ(SendCommand(CTYPE_GET_SYSTEM_MODE, nullptr, 0, client()), 0);
+  char data[4] = {1, 2, 3, 4};
+  ASSERT_EQ(SendCommand(CTYPE_GET_PROCESS_INFO, data, 4, client()), 0);
+  // Four bytes announced but none given: the frame keeps its length, the payload no meaning.
+  ASSERT_EQ(SendCommand(CTYPE_GET_PROCESS_INFO, nullptr, 4, client()), 0);
+  ASSERT_EQ(SendCommand(CTYPE_GET_PROCESS_INFO, data, -5, client()), 0);
+
+  std::string got(16 + 20 + 20 + 16, '\0');
+  size_t fill = 0;
+  while (fill < got.size()) {
+    const ssize_t n = recv(fds_[1], &got[fill], got.size() - fill, 0);
+    ASSERT_GT(n, 0);
+    fill += static_cast<size_t>(n);
+  }
+  Command header;
+  memcpy(&header, got.data(), 16);
+  EXPECT_EQ(header.header, kCommandMagic);
+  EXPECT_EQ(std::string(got.data(), 4), "cmoz");
+  EXPECT_EQ(header.from_pid, getpid());
+  EXPECT_EQ(header.from_type, FROM_TYPE_SMI);
+  EXPECT_EQ(header.cmd_type, CTYPE_GET_SYSTEM_MODE);
+  EXPECT_EQ(header.data_size, 0);
+  memcpy(&header, got.data() + 16, 16);
+  EXPECT_EQ(header.cmd_type, CTYPE_GET_PROCESS_INFO);
+  EXPECT_EQ(header.data_size, 4);
+  EXPECT_EQ(got.substr(32, 4), std::string(data, 4));
+  memcpy(&header, got.data() + 36, 16);
+  EXPECT_EQ(header.data_size, 0);
+  memcpy(&header, got.data() + 56, 16);
+  EXPECT_EQ(header.data_size, 0);
+  EXPECT_EQ(header.header, kCommandMagic);
+}
+
+TEST_F(ClientTest, NeedsAConnectedSocket) {
+  std::string out, err;
+  utils::SetLogLevel("info");
+  CaptureStdout();
+  CaptureStderr();
+  EXPECT_EQ(SendCommand(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
+  EXPECT_EQ(SendCommandQuiet(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
+  Command* cmd = nullptr;
+  EXPECT_EQ(RecvCommandQuiet(&cmd, -1), -1);
+  out = GetCapturedStdout();
+  err = GetCapturedStderr();
+  // Only the loud call reaches the default level.
+  EXPECT_EQ(err.rfind("\033[31mError\033[0m: [", 0), 0u) << err;
+  EXPECT_NE(err.find("Please connect to the server first\n"), std::string::npos);
+  EXPECT_EQ(err.find("Please connect", err.find("Please connect") + 1), std::string::npos);
+  EXPECT_EQ(out, "");
+
+  int fd = 12345;
+  DisconnectServer(&fd);  // not ours to close, but the contract is: close and forget
+  EXPECT_EQ(fd, -1);
+  fd = -1;
+  DisconnectServer(&fd);
+  EXPECT_EQ(fd, -1);
+}
+
+TEST(ServiceErrorText, CoversTheTable) {
+  EXPECT_STREQ(GetZomgrErrorString(SRV_STATUS_SUCCESS), "Success");
+  EXPECT_STREQ(GetZomgrErrorString(SRV_STATUS_DEVICE_USED), "Devices is used");
+  EXPECT_STREQ(GetZomgrErrorString(SRV_STATUS_VBIOS_INIT_ERROR), "VBIOS init failed");
+  EXPECT_STREQ(GetZomgrErrorString(static_cast<SrvStatus>(37)), "A generic error has occurred");
+}
+
+// The queries against a service the test runs in a private network namespace, where the
+// abstract socket name is free and nobody else can meet it.
+class QueryTest : public testing::Test {
+ protected:
+  // Runs body in a child in its own network namespace; 77 when that cannot be made.
+  template <typename Body>
+  static int InPrivateNetwork(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      if (unshare(CLONE_NEWNET) != 0) _exit(77);
+      _exit(body());
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+  }
+
+  // Listens on the service's abstract name; answers each request with reply_type.
+  static int Listen() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un address;
+    memset(&address, 0, sizeof(address));
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path + 1, "xcu_uds_abstract_socket", 23);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), 2 + 1 + 23) != 0) return -1;
+    if (listen(fd, 4) != 0) return -1;
+    return fd;
+  }
+};
+
+TEST_F(QueryTest, FailsEarlyWithoutTheDriverOrTheService) {
+  SystemMode mode = SYSTEM_MODE_MIG;
+  process_info info = {7, 8, 9};
+  // In a container the driver is required; nothing is attempted without it.
+  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, true, false, -1));
+  EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, true, false, -1));
+  // The driver is asked for but the module is not live here.
+  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, true, -1));
+  EXPECT_EQ(mode, SYSTEM_MODE_MIG);
+  EXPECT_EQ(info.gpu_id, 7);
+
+  const int result = InPrivateNetwork([] {
+    SystemMode m = SYSTEM_MODE_MIG;
+    // No service listens in a fresh network namespace.
+    return CheckSystemModeViaZomgr(m, false, false, -1) ? 1 : (m == SYSTEM_MODE_MIG ? 0 : 2);
+  });
+  if (result == 77) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(QueryTest, AnswersThroughItsOwnConnectionAndClosesIt) {
+  const int result = InPrivateNetwork([] {
+    const int listener = Listen();
+    if (listener < 0) return 10;
+    std::thread service([listener] {
+      for (int round = 0; round < 3; ++round) {
+        const int conn = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (conn < 0) return;
+        char request[20];
+        ssize_t n = recv(conn, request, sizeof(request), 0);
+        Command header;
+        memcpy(&header, request, 16);
+        std::string reply;
+        if (round == 0) reply = Frame(CTYPE_GET_SYSTEM_MODE, Int32(SYSTEM_MODE_MIG));
+        if (round == 1) {
+          int32_t pid;
+          memcpy(&pid, request + 16, 4);
+          reply = Frame(CTYPE_GET_PROCESS_INFO, Int32(pid == getpid() ? 3 : -1) + Int32(1) + Int32(2));
+        }
+        if (round == 2) reply = Frame(CTYPE_GET_PROCESS_INFO, Int32(0) + Int32(0) + Int32(0));
+        if (n > 0) send(conn, reply.data(), reply.size(), MSG_NOSIGNAL);
+        close(conn);
+      }
+    });
+    const int before = OpenDescriptorCount();
+    SystemMode mode = SYSTEM_MODE_NONE;
+    process_info info = {0, 0, 0};
+    int failures = 0;
+    if (!CheckSystemModeViaZomgr(mode, false, false, -1) || mode != SYSTEM_MODE_MIG) failures |= 1;
+    if (!GetProcessInfoViaZomgr(getpid(), info, false, false, -1) || info.gpu_id != 3 ||
+        info.gi_id != 1 || info.ci_id != 2)
+      failures |= 2;
+    // A reply of the other type is refused and leaves the mode alone.
+    mode = SYSTEM_MODE_NONE;
+    if (CheckSystemModeViaZomgr(mode, false, false, -1) || mode != SYSTEM_MODE_NONE) failures |= 4;
+    service.join();
+    if (OpenDescriptorCount() != before) failures |= 8;
+    close(listener);
+    return failures;
+  });
+  if (result == 77) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
+  EXPECT_EQ(result, 0);
+}
+
+TEST_F(QueryTest, LeavesTheCallersSocketOpen) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+  const std::string replies = Frame(CTYPE_GET_PROCESS_INFO, Int32(-1) + Int32(0) + Int32(0)) +
+                              Frame(CTYPE_GET_PROCESS_INFO, Int32(5) + Int32(0) + Int32(0)) +
+                              Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_NOT_FOUND_PROCESS));
+  std::thread peer([&] {
+    char request[64];
+    size_t offset = 0;
+    // One reply per request, each sent once its request has come in.
+    for (size_t frame : {size_t{28}, size_t{28}, size_t{20}}) {
+      if (recv(pair[1], request, sizeof(request), 0) <= 0) return;
+      send(pair[1], replies.data() + offset, frame, MSG_NOSIGNAL);
+      offset += frame;
+    }
+  });
+  process_info info = {1, 1, 1};
+  EXPECT_TRUE(GetProcessInfoViaZomgr(getpid(), info, false, false, pair[0]));
+  EXPECT_EQ(info.gpu_id, -1);  // runs on no partition: still an answer
+  SystemMode mode = SYSTEM_MODE_NONE;
+  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, false, pair[0]));  // reply of type 28
+  EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, false, false, pair[0]));  // error reply
+  EXPECT_EQ(info.gpu_id, -1);
+  peer.join();
+  EXPECT_GE(fcntl(pair[0], F_GETFD), 0) << "the caller's socket was closed";
+  close(pair[0]);
+  close(pair[1]);
+}
+
+}  // namespace
