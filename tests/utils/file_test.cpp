@@ -191,7 +191,10 @@ TEST(FileLocker, CreatesTheLockFileReadableByEveryone) {
   ScratchDir dir;
   const std::string path = dir / "lock";
   const mode_t old_mask = umask(077);
-  { FileLocker lock(path, FileLocker::kExclusive, false); }
+  {
+    FileLocker lock(path, FileLocker::kExclusive, false);
+    EXPECT_TRUE(testing_support::OpenOnlyCloseOnExec(path));
+  }
   const mode_t mask_after = umask(old_mask);
   EXPECT_EQ(mask_after, 077u) << "the caller's umask must be restored";
   struct stat st;

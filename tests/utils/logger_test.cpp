@@ -141,6 +141,7 @@ TEST_F(LoggerTest, TheLogFileGetsACopyOfEveryMessage) {
   const std::string second = dir / "second.log";
   Capture([&] {
     utils::SetLogFile(first);
+    EXPECT_TRUE(testing_support::OpenOnlyCloseOnExec(first));
     LOG_INFO("one\n");
     LOG_ERROR("two\n");
     utils::SetLogFile("");  // keeps the open file

@@ -3,6 +3,7 @@
 #define ZOVDX_TESTS_UTILS_TEST_SUPPORT_H_
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -61,6 +62,23 @@ inline int ChildCount() {
   }
   closedir(proc);
   return count;
+}
+
+// True when some descriptor of this process refers to path and every such descriptor is
+// close-on-exec.
+inline bool OpenOnlyCloseOnExec(const std::string& path) {
+  bool seen = false;
+  for (int fd = 0; fd < 1024; ++fd) {
+    char target[4096];
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
+    if (n <= 0) continue;
+    target[n] = '\0';
+    if (path != target) continue;
+    seen = true;
+    if (!(fcntl(fd, F_GETFD) & FD_CLOEXEC)) return false;
+  }
+  return seen;
 }
 
 inline std::string ReadFile(const std::string& path) {
