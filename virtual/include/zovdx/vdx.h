@@ -142,8 +142,9 @@ VDX_API vdxStatus vdxSetEncryptionVMStatus(bool status);
 /* Reads the flag written by vdxSetEncryptionVMStatus into *status. */
 VDX_API vdxStatus vdxGetEncryptionVMStatus(bool* status);
 
-/* Sets the log level by name: "none", "warning", "info", "debug" or "trace"; anything else
- * means "info". The VDX_LOG_LEVEL environment variable overrides it. log_level must not be NULL. */
+/* Sets the log level by name: "none", "warning", "info" or "debug"; any other text is
+ * VDX_STATUS_INVALID_ARGUMENTS. The VDX_LOG_LEVEL environment variable (0 none to 5 trace)
+ * overrides the name. log_level must not be NULL. */
 VDX_API vdxStatus vdxSetLogLevel(const char* log_level);
 
 /* Deprecated: does nothing but zero *device_info (when not NULL); always VDX_STATUS_SUCCESS. */
