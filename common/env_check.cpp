@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "common/process_list.h"
 #include "common/zomgr_client.h"
@@ -150,104 +151,92 @@ bool CheckDriverExist() {
 
 namespace {
 
-// Releases what a query owns on every way out: its own connection (never the caller's)
-// and the reply frame.
-class QueryScope {
+// Releases what an exchange owns on every way out: its own connection (never the caller's).
+class OwnedConnection {
  public:
-  explicit QueryScope(int caller_fd) : fd_(caller_fd), owned_(caller_fd == -1) {}
-  ~QueryScope() {
+  explicit OwnedConnection(int caller_fd) : fd_(caller_fd), owned_(caller_fd == -1) {}
+  ~OwnedConnection() {
     if (owned_ && fd_ >= 0) DisconnectServer(&fd_);
-    free(reply_);
   }
-  QueryScope(const QueryScope&) = delete;
-  QueryScope& operator=(const QueryScope&) = delete;
+  OwnedConnection(const OwnedConnection&) = delete;
+  OwnedConnection& operator=(const OwnedConnection&) = delete;
 
   int* fd() { return &fd_; }
   bool owned() const { return owned_; }
-  Command** reply() { return &reply_; }
 
  private:
   int fd_;
   bool owned_;
-  Command* reply_ = nullptr;
 };
+
+struct FreeCommand {
+  void operator()(Command* cmd) const { free(cmd); }
+};
+using Reply = std::unique_ptr<Command, FreeCommand>;
+
+// One request and its reply, shared by the two queries. function names the caller in the
+// messages and what says what failed ("Check system mode", "Get process infomation"). On
+// success the reply has the request's type; its payload is copied into out (up to size
+// bytes; what a short reply lacks reads as zero).
+bool ExchangeWithZomgr(const char* function, const char* what, CommandType type, char* request,
+                       int request_size, bool in_container, bool with_driver, int socket_fd,
+                       void* out, size_t size) {
+  if (in_container && !with_driver) {
+    LOG_DEBUG("[%s] %s failed, zocu driver was required in container environment but not "
+              "exist.\n",
+              function, what);
+    return false;
+  }
+  if (with_driver && !CheckDriverExist()) {
+    LOG_DEBUG("[%s] %s failed, zocu driver was required but not exist.\n", function, what);
+    return false;
+  }
+  OwnedConnection connection(socket_fd);
+  // Through the driver's socket first whenever the driver is expected.
+  if (connection.owned()) ConnectServerQuiet(connection.fd(), in_container, with_driver);
+  if (*connection.fd() < 0) {
+    LOG_DEBUG("[%s] %s failed, unable to connect zomgr service.\n", function, what);
+    return false;
+  }
+  if (SendCommandQuiet(type, request, request_size, *connection.fd()) != 0) {
+    LOG_DEBUG("[%s] Send command to zomgr failed.\n", function);
+    return false;
+  }
+  Command* received = nullptr;
+  if (RecvCommandQuiet(&received, *connection.fd()) != 0) {
+    LOG_DEBUG("[%s] Recieve command from zomgr failed.\n", function);
+    return false;
+  }
+  const Reply reply(received);
+  if (reply->cmd_type != type) {
+    LOG_DEBUG("[%s] Recieved error response from zomgr.\n", function);
+    return false;
+  }
+  memset(out, 0, size);
+  memcpy(out, reply->cmd_data, std::min(size, static_cast<size_t>(reply->data_size)));
+  return true;
+}
 
 }  // namespace
 
 bool CheckSystemModeViaZomgr(SystemMode& mode, bool in_container, bool with_driver,
                              int socket_fd) {
-  if (in_container && !with_driver) {
-    LOG_DEBUG("[%s] Check system mode failed, zocu driver was required in container environment "
-              "but not exist.\n",
-              __func__);
-    return false;
-  }
-  if (with_driver && !CheckDriverExist()) {
-    LOG_DEBUG("[%s] Check system mode failed, zocu driver was required but not exist.\n", __func__);
-    return false;
-  }
-  QueryScope scope(socket_fd);
-  if (scope.owned()) ConnectServerQuiet(scope.fd(), in_container, with_driver);
-  if (*scope.fd() < 0) {
-    LOG_DEBUG("[%s] Check system mode failed, unable to connect zomgr service.\n", __func__);
-    return false;
-  }
-  if (SendCommandQuiet(CTYPE_GET_SYSTEM_MODE, nullptr, 0, *scope.fd()) != 0) {
-    LOG_DEBUG("[%s] Send command to zomgr failed.\n", __func__);
-    return false;
-  }
-  if (RecvCommandQuiet(scope.reply(), *scope.fd()) != 0) {
-    LOG_DEBUG("[%s] Recieve command from zomgr failed.\n", __func__);
-    return false;
-  }
-  const Command* reply = *scope.reply();
-  if (reply->cmd_type != CTYPE_GET_SYSTEM_MODE) {
-    LOG_DEBUG("[%s] Recieved error response from zomgr.\n", __func__);
-    return false;
-  }
-  // A reply shorter than its record leaves the missing bytes zero.
   int32_t raw = 0;
-  memcpy(&raw, reply->cmd_data, std::min<size_t>(sizeof(raw), static_cast<size_t>(reply->data_size)));
+  if (!ExchangeWithZomgr(__func__, "Check system mode", CTYPE_GET_SYSTEM_MODE, nullptr, 0,
+                         in_container, with_driver, socket_fd, &raw, sizeof(raw)))
+    return false;
   mode = static_cast<SystemMode>(raw);
   return true;
 }
 
 bool GetProcessInfoViaZomgr(int pid, process_info& proc_info, bool in_container,
                             bool with_driver, int socket_fd) {
-  if (in_container && !with_driver) {
-    LOG_DEBUG("[%s] Get process infomation failed, zocu driver was required in container "
-              "environment but not exist.\n",
-              __func__);
-    return false;
-  }
-  if (with_driver && !CheckDriverExist()) {
-    LOG_DEBUG("[%s] Get process infomation failed, zocu driver was required but not exist.\n",
-              __func__);
-    return false;
-  }
-  QueryScope scope(socket_fd);
-  if (scope.owned()) ConnectServerQuiet(scope.fd(), in_container, with_driver);
-  if (*scope.fd() < 0) {
-    LOG_DEBUG("[%s] Get process infomation failed, unable to connect zomgr service.\n", __func__);
-    return false;
-  }
   int32_t request = pid;
-  if (SendCommandQuiet(CTYPE_GET_PROCESS_INFO, reinterpret_cast<char*>(&request), sizeof(request),
-                       *scope.fd()) != 0) {
-    LOG_DEBUG("[%s] Send command to zomgr failed.\n", __func__);
+  process_info info;
+  if (!ExchangeWithZomgr(__func__, "Get process infomation", CTYPE_GET_PROCESS_INFO,
+                         reinterpret_cast<char*>(&request), sizeof(request), in_container,
+                         with_driver, socket_fd, &info, sizeof(info)))
     return false;
-  }
-  if (RecvCommandQuiet(scope.reply(), *scope.fd()) != 0) {
-    LOG_DEBUG("[%s] Recieve command from zomgr failed.\n", __func__);
-    return false;
-  }
-  const Command* reply = *scope.reply();
-  if (reply->cmd_type != CTYPE_GET_PROCESS_INFO) {
-    LOG_DEBUG("[%s] Recieved error response from zomgr.\n", __func__);
-    return false;
-  }
-  process_info info = {0, 0, 0};
-  memcpy(&info, reply->cmd_data, std::min<size_t>(sizeof(info), static_cast<size_t>(reply->data_size)));
   proc_info = info;
   if (proc_info.gpu_id == -1) {
     LOG_DEBUG("[%s] Got gpu_id -1, this process may not running on VGPU.\n", __func__);

@@ -31,6 +31,18 @@ bool IsValidLockType(int lockType) {
   return lockType == FileLocker::kShared || lockType == FileLocker::kExclusive;
 }
 
+// flock, retried when a signal interrupts a blocking wait. 0 on success, else the errno.
+int FlockRetrying(int fd, int lockType, bool nonBlocking) {
+  for (;;) {
+    if (flock(fd, lockType | (nonBlocking ? LOCK_NB : 0)) == 0) return 0;
+    if (errno != EINTR) return errno;
+  }
+}
+
+std::string HeldElsewhereText(const std::string& path) {
+  return "the lock on file " + path + " has been already aquired by another process";
+}
+
 }  // namespace
 
 bool IsFileExist(const std::string& path) {
@@ -139,20 +151,14 @@ FileLocker::FileLocker(const std::string& lockFile, int lockType, bool nonBlocki
   }
   umask(old_mask);
 
-  int rc;
-  do {
-    rc = flock(lock_fd_, lockType | (nonBlocking ? LOCK_NB : 0));
-  } while (rc != 0 && errno == EINTR);
-  if (rc == 0) {
+  const int err = FlockRetrying(lock_fd_, lockType, nonBlocking);
+  if (err == 0) {
     lock_status_ = lockType;
     return;
   }
-  const int err = errno;
   close(lock_fd_);
   lock_fd_ = -1;
-  if (err == EWOULDBLOCK)
-    throw AquireLockFail("the lock on file " + lock_file_ +
-                         " has been already aquired by another process");
+  if (err == EWOULDBLOCK) throw AquireLockFail(HeldElsewhereText(lock_file_));
   throw AquireLockError(std::string(kRedError) + " while aquire the lock on file " + lock_file_ +
                         "." + ErrnoText(err));
 }
@@ -166,18 +172,12 @@ void FileLocker::ChangeLockType(int lockType, bool nonBlocking) {
   if (!IsValidLockType(lockType))
     throw LockTypeError(std::string(kRedInvalid) + " input lock_type parameter");
   if (lock_status_ == lockType) return;
-  int rc;
-  do {
-    rc = flock(lock_fd_, lockType | (nonBlocking ? LOCK_NB : 0));
-  } while (rc != 0 && errno == EINTR);
-  if (rc == 0) {
+  const int err = FlockRetrying(lock_fd_, lockType, nonBlocking);
+  if (err == 0) {
     lock_status_ = lockType;
     return;
   }
-  const int err = errno;
-  if (err == EWOULDBLOCK)
-    throw AquireLockFail("the lock on file " + lock_file_ +
-                         " has been already aquired by another process");
+  if (err == EWOULDBLOCK) throw AquireLockFail(HeldElsewhereText(lock_file_));
   throw AquireLockError(std::string(kRedError) + " while aquire lock to lock file " + lock_file_ +
                         "." + ErrnoText(err));
 }

@@ -295,11 +295,24 @@ class QueryTest : public testing::Test {
 TEST_F(QueryTest, FailsEarlyWithoutTheDriverOrTheService) {
   SystemMode mode = SYSTEM_MODE_MIG;
   process_info info = {7, 8, 9};
+  utils::SetLogLevel("debug");
+  CaptureStdout();
   // In a container the driver is required; nothing is attempted without it.
   EXPECT_FALSE(CheckSystemModeViaZomgr(mode, true, false, -1));
   EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, true, false, -1));
   // The driver is asked for but the module is not live here.
-  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, true, -1));
+  EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, false, true, -1));
+  const std::string out = GetCapturedStdout();
+  utils::SetLogLevel("info");
+  EXPECT_NE(out.find("] [CheckSystemModeViaZomgr] Check system mode failed, zocu driver was "
+                     "required in container environment but not exist.\n"),
+            std::string::npos)
+      << out;
+  EXPECT_NE(out.find("] [GetProcessInfoViaZomgr] Get process infomation failed, zocu driver was "
+                     "required but not exist.\n"),
+            std::string::npos)
+      << out;
+  EXPECT_EQ(out.find("Connect service"), std::string::npos) << "no connection may be tried";
   EXPECT_EQ(mode, SYSTEM_MODE_MIG);
   EXPECT_EQ(info.gpu_id, 7);
 
