@@ -1,0 +1,251 @@
+#include "sim/sandbox.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "sim/daemon.h"
+
+extern char** environ;
+
+namespace vdxsim {
+namespace {
+
+std::string Errno(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+bool WriteText(const char* path, const std::string& text) {
+  int fd = open(path, O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  return ok;
+}
+
+// "/etc" is an overlay whose writable layer lives on a size-limited tmpfs ("staging"),
+// hidden under the private /tmp once mounted. Full: the staging tmpfs shrinks to what it
+// holds plus one page, and a file outside the overlay takes that page.
+class TmpfsEtc : public EtcStore {
+ public:
+  TmpfsEtc(int staging_fd, uint64_t size) : staging_fd_(staging_fd), size_(size) {}
+
+  std::string Set(const std::string& mode) override {
+    if (mode == "ro" || mode == "rw") {
+      unsigned long flags = MS_REMOUNT | MS_BIND | (mode == "ro" ? MS_RDONLY : 0);
+      if (mount(nullptr, "/etc", nullptr, flags, nullptr) != 0) return Errno("remount /etc");
+      readonly_ = mode == "ro";
+      return "";
+    }
+    if (mode == "full") return Fill();
+    if (mode == "space") {
+      unlinkat(staging_fd_, "filler", 0);
+      std::string error = Resize(size_);
+      if (error.empty()) full_ = false;
+      return error;
+    }
+    return "etc takes rw, ro, full or space";
+  }
+
+  std::string Describe() const override {
+    return std::string(readonly_ ? "ro" : "rw") + (full_ ? " full" : "");
+  }
+
+  std::string Fill() {
+    struct statfs st;
+    if (fstatfs(staging_fd_, &st) != 0) return Errno("statfs of the /etc store");
+    uint64_t page = static_cast<uint64_t>(st.f_bsize);
+    uint64_t used = (st.f_blocks - st.f_bfree) * page;
+    // A tmpfs of size 0 would be unlimited: keep one page and fill it.
+    std::string error = Resize(used + page);
+    if (!error.empty()) return error;
+    int fd = openat(staging_fd_, "filler", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) return Errno("filler");
+    std::string bytes(page, '\0');
+    while (write(fd, bytes.data(), bytes.size()) > 0) {
+    }
+    close(fd);
+    full_ = true;
+    return "";
+  }
+
+ private:
+  std::string Resize(uint64_t bytes) {
+    std::string path = "/proc/self/fd/" + std::to_string(staging_fd_);
+    std::string opts = "size=" + std::to_string(bytes);
+    if (mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV, opts.c_str()) != 0) {
+      return Errno("resize the /etc store");
+    }
+    return "";
+  }
+
+  int staging_fd_;
+  uint64_t size_;
+  bool readonly_ = false;
+  bool full_ = false;
+};
+
+std::string SetupMounts(const SandboxOptions& o, bool userns, int* staging_fd) {
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    return Errno("make the mount tree private");
+  }
+  const unsigned long kFlags = MS_NOSUID | MS_NODEV;
+  std::string size = "size=" + std::to_string(o.etc_size) + ",mode=0700";
+  if (mount("vdx-sim-etc", "/tmp", "tmpfs", kFlags, size.c_str()) != 0) {
+    return Errno("mount the /etc store");
+  }
+  if (mkdir("/tmp/upper", 0755) != 0 || mkdir("/tmp/work", 0700) != 0) {
+    return Errno("prepare the /etc store");
+  }
+  std::string overlay = "lowerdir=/etc,upperdir=/tmp/upper,workdir=/tmp/work";
+  if (userns) overlay += ",userxattr";
+  if (mount("vdx-sim-etc", "/etc", "overlay", 0, overlay.c_str()) != 0) {
+    return Errno("mount the overlay over /etc");
+  }
+  *staging_fd = open("/tmp", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (*staging_fd < 0) return Errno("open the /etc store");
+  struct {
+    const char* target;
+    const char* opts;
+  } const kPrivate[] = {
+      {"/tmp", "mode=1777"},
+      {"/sys/devices/virtual", "mode=0755"},
+      {"/sys/module", "mode=0755"},
+  };
+  for (const auto& m : kPrivate) {
+    if (mount("vdx-sim", m.target, "tmpfs", kFlags, m.opts) != 0) {
+      return Errno(std::string("mount a tmpfs on ") + m.target);
+    }
+  }
+  return "";
+}
+
+std::string ExeDir() {
+  char buf[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) return ".";
+  std::string path(buf, static_cast<size_t>(n));
+  return path.substr(0, path.rfind('/'));
+}
+
+// The preload library sits beside the launcher in the build tree, and in the library
+// directory once installed.
+std::string FindPreload() {
+  std::string dir = ExeDir();
+  for (const std::string& candidate :
+       {dir + "/libvdxsim_preload.so", dir + "/" VDXSIM_PRELOAD_RELPATH}) {
+    if (access(candidate.c_str(), R_OK) == 0) return candidate;
+  }
+  return "";
+}
+
+std::vector<std::string> CommandEnvironment(const std::string& preload) {
+  std::vector<std::string> env;
+  std::string old_preload, asan;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string var(*e);
+    if (var.rfind("LD_PRELOAD=", 0) == 0) {
+      old_preload = var.substr(11);
+    } else if (var.rfind("ASAN_OPTIONS=", 0) == 0) {
+      asan = var.substr(13);
+    } else {
+      env.push_back(var);
+    }
+  }
+  env.push_back("LD_PRELOAD=" + preload + (old_preload.empty() ? "" : ":" + old_preload));
+  // A sanitized program would refuse to start with our library loaded ahead of its
+  // runtime; the library intercepts nothing that the runtime needs first.
+  env.push_back("ASAN_OPTIONS=" + (asan.empty() ? "" : asan + ":") + "verify_asan_link_order=0");
+  return env;
+}
+
+pid_t g_init = -1;
+
+void Forward(int sig) {
+  if (g_init > 0) kill(g_init, sig);
+}
+
+}  // namespace
+
+int RunSandbox(const SandboxOptions& o) {
+  std::string preload = FindPreload();
+  if (preload.empty()) {
+    std::fprintf(stderr, "vdx-sim: cannot find libvdxsim_preload.so beside %s\n", ExeDir().c_str());
+    return 125;
+  }
+  uid_t uid = geteuid();
+  gid_t gid = getegid();
+  bool userns = uid != 0;
+  int flags = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | (userns ? CLONE_NEWUSER : 0);
+  if (unshare(flags) != 0) {
+    std::fprintf(stderr, "vdx-sim: cannot create the namespaces: %s\n", std::strerror(errno));
+    return 125;
+  }
+  if (userns && !(WriteText("/proc/self/setgroups", "deny") &&
+                  WriteText("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") &&
+                  WriteText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))) {
+    std::fprintf(stderr, "vdx-sim: cannot map the user to root: %s\n", std::strerror(errno));
+    return 125;
+  }
+  int staging_fd = -1;
+  std::string error = SetupMounts(o, userns, &staging_fd);
+  if (!error.empty()) {
+    std::fprintf(stderr, "vdx-sim: %s\n", error.c_str());
+    return 125;
+  }
+  TmpfsEtc etc(staging_fd, o.etc_size);
+  if (o.etc_full) error = etc.Fill();
+  if (error.empty() && o.etc_readonly) error = etc.Set("ro");
+  if (!error.empty()) {
+    std::fprintf(stderr, "vdx-sim: %s\n", error.c_str());
+    return 125;
+  }
+  int watch[2];
+  if (pipe2(watch, O_CLOEXEC) != 0) return 125;
+  pid_t init = fork();
+  if (init < 0) {
+    std::perror("vdx-sim: fork");
+    return 125;
+  }
+  if (init == 0) {
+    close(watch[1]);
+    // Killing the launcher, even with SIGKILL, must take the sandbox down: the kernel
+    // kills a PID namespace whose init dies.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    pollfd gone{watch[0], POLLIN, 0};
+    if (poll(&gone, 1, 0) != 0) _exit(125);  // the launcher died before the line above
+    if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+      std::fprintf(stderr, "vdx-sim: mount /proc: %s\n", std::strerror(errno));
+      _exit(125);
+    }
+    DaemonConfig config;
+    config.machine = o.machine;
+    config.argv = o.command;
+    config.env = CommandEnvironment(preload);
+    config.parent_fd = watch[0];
+    config.etc = &etc;
+    _exit(RunDaemon(config));
+  }
+  close(watch[0]);
+  close(staging_fd);
+  g_init = init;
+  struct sigaction sa {};
+  sa.sa_handler = Forward;
+  for (int s : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) sigaction(s, &sa, nullptr);
+  int status = 0;
+  while (waitpid(init, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace vdxsim
