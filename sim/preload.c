@@ -11,11 +11,14 @@
 #define _GNU_SOURCE
 #undef _FORTIFY_SOURCE
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -170,16 +173,44 @@ static void remember(int fd, uint64_t conn) {
 static void forget(struct device* d) { *d = devices[--device_count]; }
 
 static struct device* find(int fd) {
+  struct stat st;
+  int have_st = 0;
   for (int i = 0; i < device_count; ++i) {
     if (devices[i].fd != fd) continue;
-    struct stat st;
-    if (fstat(fd, &st) == 0 && st.st_dev == devices[i].dev && st.st_ino == devices[i].ino) {
-      return &devices[i];
-    }
+    have_st = fstat(fd, &st) == 0;
+    if (have_st && st.st_dev == devices[i].dev && st.st_ino == devices[i].ino) return &devices[i];
     forget(&devices[i]); /* closed some other way, and the number reused */
-    return NULL;
+    break;
+  }
+  /* A duplicate (dup, dup2, a shell redirection) of a device descriptor is the device too. */
+  if (!have_st && fstat(fd, &st) != 0) return NULL;
+  if (!S_ISSOCK(st.st_mode)) return NULL;
+  for (int i = 0; i < device_count; ++i) {
+    if (st.st_dev == devices[i].dev && st.st_ino == devices[i].ino) return &devices[i];
   }
   return NULL;
+}
+
+/* Another descriptor of this process on the same socket as d, or -1. */
+static int other_descriptor(const struct device* d) {
+  char want[64], link[64], path[64];
+  snprintf(want, sizeof want, "socket:[%lu]", (unsigned long)d->ino);
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == NULL) return -1;
+  int found = -1;
+  struct dirent* e;
+  while (found < 0 && (e = readdir(dir)) != NULL) {
+    int fd = atoi(e->d_name);
+    if (e->d_name[0] == '.' || fd == d->fd || fd == dirfd(dir)) continue;
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    ssize_t n = readlink(path, link, sizeof link - 1);
+    if (n > 0) {
+      link[n] = 0;
+      if (strcmp(link, want) == 0) found = fd;
+    }
+  }
+  closedir(dir);
+  return found;
 }
 
 static int device_open(int flags) {
@@ -339,8 +370,14 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
 EXPORT int close(int fd) {
   if (__atomic_load_n(&device_count, __ATOMIC_RELAXED) != 0) {
     pthread_mutex_lock(&lock);
-    struct device* d = find(fd);
-    if (d != NULL) {
+    struct device* d = NULL;
+    for (int i = 0; i < device_count; ++i) {
+      if (devices[i].fd == fd) d = &devices[i];
+    }
+    int other = d != NULL ? other_descriptor(d) : -1;
+    if (other >= 0) {
+      d->fd = other; /* a duplicate lives on: the device stays open under its number */
+    } else if (d != NULL) {
       /* Only the socket's own process speaks for it: a forked child that never used
        * the descriptor still shares the parent's socket, and just drops its copy. */
       if (d->pid == getpid()) {

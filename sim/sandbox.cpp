@@ -149,12 +149,14 @@ std::string FindPreload() {
   return "";
 }
 
-std::vector<std::string> CommandEnvironment(const std::string& preload) {
+std::vector<std::string> CommandEnvironment(const std::string& preload, const std::string& dir) {
   std::vector<std::string> env;
-  std::string old_preload, asan;
+  std::string old_preload, asan, path = "/usr/local/bin:/usr/bin:/bin";
   for (char** e = environ; *e != nullptr; ++e) {
     std::string var(*e);
-    if (var.rfind("LD_PRELOAD=", 0) == 0) {
+    if (var.rfind("PATH=", 0) == 0) {
+      path = var.substr(5);
+    } else if (var.rfind("LD_PRELOAD=", 0) == 0) {
       old_preload = var.substr(11);
     } else if (var.rfind("ASAN_OPTIONS=", 0) == 0) {
       asan = var.substr(13);
@@ -162,6 +164,9 @@ std::vector<std::string> CommandEnvironment(const std::string& preload) {
       env.push_back(var);
     }
   }
+  // `vdx-sim ctl` works inside without a path; the command's own PATH still comes first.
+  if ((":" + path + ":").find(":" + dir + ":") == std::string::npos) path += ":" + dir;
+  env.push_back("PATH=" + path);
   env.push_back("LD_PRELOAD=" + preload + (old_preload.empty() ? "" : ":" + old_preload));
   // A sanitized program would refuse to start with our library loaded ahead of its
   // runtime; the library intercepts nothing that the runtime needs first.
@@ -175,11 +180,67 @@ void Forward(int sig) {
   if (g_init > 0) kill(g_init, sig);
 }
 
+// Whether the sandbox covers a path with a file system of its own.
+bool Covered(const std::string& path) {
+  for (const char* top : {"/tmp", "/etc"}) {
+    std::string t = top;
+    if (path == t || path.rfind(t + "/", 0) == 0) return true;
+  }
+  return false;
+}
+
+bool CopyFile(int from, const std::string& to_path) {
+  int to = open(to_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
+  if (to < 0) return false;
+  char buf[65536];
+  ssize_t n;
+  bool ok = true;
+  while (ok && (n = read(from, buf, sizeof buf)) > 0) ok = write(to, buf, static_cast<size_t>(n)) == n;
+  close(to);
+  return ok && n == 0;
+}
+
+// Where the command finds vdx-sim and the preload library. When the launcher lives where
+// the sandbox covers (an install under /tmp), both are copied into the sandbox's own tree,
+// from descriptors opened before the covering.
+class Tools {
+ public:
+  bool Open() {
+    char real[PATH_MAX];
+    std::string found = FindPreload();
+    if (found.empty() || realpath(found.c_str(), real) == nullptr) return false;
+    preload_ = real;
+    bin_dir_ = ExeDir();
+    if (!Covered(preload_) && !Covered(bin_dir_)) return true;
+    preload_fd_ = open(preload_.c_str(), O_RDONLY | O_CLOEXEC);
+    exe_fd_ = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    return preload_fd_ >= 0 && exe_fd_ >= 0;
+  }
+  // After the mounts.
+  bool Place() {
+    if (preload_fd_ < 0) return true;
+    const std::string dir = "/sys/devices/virtual/.vdx-sim";
+    bool ok = (mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST) &&
+              CopyFile(preload_fd_, dir + "/libvdxsim_preload.so") && CopyFile(exe_fd_, dir + "/vdx-sim");
+    close(preload_fd_);
+    close(exe_fd_);
+    preload_ = dir + "/libvdxsim_preload.so";
+    bin_dir_ = dir;
+    return ok;
+  }
+  const std::string& preload() const { return preload_; }
+  const std::string& bin_dir() const { return bin_dir_; }
+
+ private:
+  std::string preload_, bin_dir_;
+  int preload_fd_ = -1, exe_fd_ = -1;
+};
+
 }  // namespace
 
 int RunSandbox(const SandboxOptions& o) {
-  std::string preload = FindPreload();
-  if (preload.empty()) {
+  Tools tools;
+  if (!tools.Open()) {
     std::fprintf(stderr, "vdx-sim: cannot find libvdxsim_preload.so beside %s\n", ExeDir().c_str());
     return 125;
   }
@@ -201,6 +262,10 @@ int RunSandbox(const SandboxOptions& o) {
   std::string error = SetupMounts(o, userns, &staging_fd);
   if (!error.empty()) {
     std::fprintf(stderr, "vdx-sim: %s\n", error.c_str());
+    return 125;
+  }
+  if (!tools.Place()) {
+    std::fprintf(stderr, "vdx-sim: cannot copy vdx-sim into the sandbox: %s\n", std::strerror(errno));
     return 125;
   }
   TmpfsEtc etc(staging_fd, o.etc_size);
@@ -231,7 +296,7 @@ int RunSandbox(const SandboxOptions& o) {
     DaemonConfig config;
     config.machine = o.machine;
     config.argv = o.command;
-    config.env = CommandEnvironment(preload);
+    config.env = CommandEnvironment(tools.preload(), tools.bin_dir());
     config.parent_fd = watch[0];
     config.etc = &etc;
     _exit(RunDaemon(config));

@@ -234,4 +234,47 @@ TEST(Launcher, ConfigurationStoreFaults) {
             0);
 }
 
+TEST(Launcher, WorksFromADirectoryTheSandboxCovers) {
+  // An install under /tmp: the sandbox's own /tmp hides it, yet the device and ctl work.
+  char dir[] = "/tmp/vdx-sim-install-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  std::string d = dir, bin = VDX_SIM_BIN;
+  std::string lib = bin.substr(0, bin.rfind('/')) + "/libvdxsim_preload.so";
+  ASSERT_EQ(std::system(("cp " + bin + " " + lib + " " + d).c_str()), 0);
+  Child c = Start({d + "/vdx-sim", "--", "/bin/sh", "-c",
+                   "exec 3<>/dev/mkfd && vdx-sim ctl dump | grep -c '^connection 1 '"});
+  std::string line = ReadLine(c.out);
+  close(c.out);
+  int status = 0;
+  waitpid(c.pid, &status, 0);
+  std::system(("rm -rf " + d).c_str());
+  EXPECT_EQ(line, "1");
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST(Launcher, OrdinaryUserIsRootInside) {
+  Child c;
+  int p[2];
+  ASSERT_EQ(pipe2(p, O_CLOEXEC), 0);
+  c.pid = fork();
+  if (c.pid == 0) {
+    dup2(p[1], 1);
+    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) _exit(120);
+    execl(VDX_SIM_BIN, VDX_SIM_BIN, "--", "/bin/sh", "-c",
+          "id -u && cat /sys/module/zocu/initstate && touch /etc/vdx-sim-user", nullptr);
+    _exit(errno == EACCES ? 121 : 122);
+  }
+  close(p[1]);
+  c.out = p[0];
+  std::string uid = ReadLine(c.out), state = ReadLine(c.out);
+  close(c.out);
+  int status = 0;
+  waitpid(c.pid, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 121) GTEST_SKIP() << "the build tree is not readable by nobody";
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 125) GTEST_SKIP() << "no unprivileged user namespaces here";
+  EXPECT_EQ(uid, "0");
+  EXPECT_EQ(state, "live");
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
 }  // namespace

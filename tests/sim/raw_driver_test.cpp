@@ -358,6 +358,23 @@ TEST_F(RawDriver, ForkedChildUsesTheInheritedDescriptor) {
   EXPECT_EQ(dump.find("connection 2"), std::string::npos) << dump;
 }
 
+TEST_F(RawDriver, DuplicateOutlivesTheOriginal) {
+  ASSERT_EQ(CreateVgpu(fd_, kGpu0, 0, {1, 0, 0, 0}), 0);
+  mkfd_ioctl_set_process_mode_args m{};
+  m.mode = KFD_PROCESS_VGPU_MODE;
+  m.gpu_id = kGpu0;
+  m.indentifier = 1;
+  ASSERT_EQ(Call(fd_, MKFD_IOC_SET_PROCESS_MODE, &m), 0);
+  int dup_fd = fcntl(fd_, F_DUPFD_CLOEXEC, 50);
+  ASSERT_GE(dup_fd, 50);
+  close(fd_);  // as a shell does after a redirection: the device stays open
+  fd_ = dup_fd;
+  mkfd_ioctl_query_vgpu_info_args q;
+  std::array<uint32_t, 8> mask;
+  ASSERT_EQ(QueryVgpu(fd_, kGpu0, 0, &q, &mask), 0);
+  EXPECT_EQ(q.refcount, 2u);  // still attached through the same connection
+}
+
 TEST_F(RawDriver, TwoProcessesShareTheDriverState) {
   ASSERT_EQ(CreateVgpu(fd_, kGpu0, 0, {0x3, 0, 0, 0}), 0);
   // What `vdx-sim ctl dump` shows a person is the state the device holds.
