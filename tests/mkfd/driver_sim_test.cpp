@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,13 +14,16 @@
 
 #include "mkfd/include/dmkfd.h"
 #include "sim/ctl_client.h"
+#include "tests/mkfd/flat_calls.h"
 #include "tests/mkfd/private_machine.h"
 #include "utils/logger.h"
 
 namespace {
 
 using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
 
 constexpr uint64_t kGiB = 1ull << 30;
 
@@ -236,52 +238,17 @@ TEST_F(DriverTest, ServiceSocketOutlivesTheDevice) {
   ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);  // for TearDown
 }
 
-struct FailureCase {
-  const char* command;  // the simulator's name of the request
-  std::function<vdxStatus()> call;
-  vdxStatus expected;
-};
+using mkfd_test::Commands;
+using mkfd_test::FlatCall;
 
 uint32_t g_mask[4] = {0xFF, 0, 0, 0};
 dmkfdVdevInfo g_info;
 dmkfdBusyCuInfo g_busy;
-uint32_t g_u32, g_u32b;
+uint32_t g_u32;
 uint64_t g_u64;
-int g_fd;
-char g_waves[1 << 16];
+char g_waves[64];
 
-const FailureCase kFailureCases[] = {
-    {"set-mode", [] { return dmkfdSetRunMode(DM_PROCESS_NONE_MODE, 0, 0); }, VDX_STATUS_ERROR},
-    {"create-vgpu", [] { return dmkfdCreateVdev(0, 1, 1, 0, kGiB, 128, g_mask); },
-     VDX_STATUS_CREATE_VDEV_FAILED},
-    {"destroy-vgpu", [] { return dmkfdDestroyVdev(0, 0); }, VDX_STATUS_DESTROY_VDEV_FAILED},
-    {"update-vgpu",
-     [] { return dmkfdUpdateVdev(0, DM_UPDATE_VDEV_VRAM_LIMIT, 0, kGiB, 0, nullptr); },
-     VDX_STATUS_ERROR},
-    {"create-group", [] { return dmkfdCreateGroup(1, 0x99, kGiB); },
-     VDX_STATUS_CREATE_VDEV_FAILED},
-    {"destroy-group", [] { return dmkfdDestroyGroup(0x77); }, VDX_STATUS_DESTROY_VDEV_FAILED},
-    {"update-group", [] { return dmkfdUpdateGroup(0, 0x77, kGiB); }, VDX_STATUS_ERROR},
-    {"query-group", [] { return dmkfdQueryGroupInfo(0, 0x77, &g_info); },
-     VDX_STATUS_QUERY_VDEV_INFO_FAILED},
-    {"query-group-by-id", [] { return dmkfdQueryGroupInfoById(0, 3, &g_info); },
-     VDX_STATUS_QUERY_VDEV_INFO_FAILED},
-    {"query-vgpu", [] { return dmkfdQueryVdevInfo(0, 0, &g_info); },
-     VDX_STATUS_QUERY_VDEV_INFO_FAILED},
-    {"query-vgpu-se", [] { return dmkfdQueryVdevSeInfo(0, 0, 128, g_mask, &g_busy); },
-     VDX_STATUS_QUERY_VDEV_INFO_FAILED},
-    {"wave-info", [] { return dmkfdGetDevWaveInfo(0, g_waves, sizeof(g_waves), &g_u32, false); },
-     VDX_STATUS_ERROR},
-    {"cu-busy", [] { return dmkfdGetBusyCUInfo(0, &g_busy, 8); }, VDX_STATUS_ERROR},
-    {"available-mem", [] { return dmkfdGetAvailableMem(0, &g_u64); }, VDX_STATUS_ERROR},
-    {"service-socket", [] { return dmkfdConnectZouds(&g_fd); }, VDX_STATUS_ERROR},
-    {"vmid-pasid", [] { return dmkfdGetVmidPasid(0, 1, &g_u32); }, VDX_STATUS_ERROR},
-    {"regs", [] { return dmkfdReadRegister(0, 0x10, &g_u32); }, VDX_STATUS_ERROR},
-    {"codec-busy", [] { return dmkfdGetBusyCodec(0, false, &g_u32, &g_u32b); },
-     VDX_STATUS_ERROR},
-};
-
-// Brings the driver to a state where every call of kFailureCases succeeds: an instance on
+// Brings the driver to a state where every call of Commands() succeeds: an instance on
 // pipe 0 of node 0, none on pipe 1, and the group 0x77. Failures here are expected (the
 // instance or the group may exist already).
 void MakeEveryCommandValid() {
@@ -290,28 +257,35 @@ void MakeEveryCommandValid() {
   ASSERT_EQ(dmkfdCreateGroup(3, 0x77, UINT64_MAX), VDX_STATUS_SUCCESS);
 }
 
+// Runs one command; closes the service socket it may have received.
+vdxStatus Call(const FlatCall& command) {
+  int* socket = mkfd_test::ServiceSocket();
+  *socket = -1;
+  const vdxStatus status = command.call();
+  if (*socket >= 0) close(*socket);
+  return status;
+}
+
 TEST_F(DriverTest, DriverFailuresGiveEachCommandsStatus) {
-  for (const FailureCase& c : kFailureCases) {
+  for (const FlatCall& c : Commands()) {
     MakeEveryCommandValid();
     const std::string before = Dump();
-    Ctl({"fault", c.command, "EIO", "1"});
-    EXPECT_EQ(c.call(), c.expected) << c.command;
+    Ctl({"fault", c.sim_name, "EIO", "1"});
+    EXPECT_EQ(Call(c), c.on_failure) << c.line;
     // The fault was taken by this very call, and the driver state did not move.
-    EXPECT_EQ(Dump(), before) << c.command;
+    EXPECT_EQ(Dump(), before) << c.line;
   }
 }
 
 TEST_F(DriverTest, InterruptedAndBusyCallsAreRetried) {
   for (const char* err : {"EINTR", "EAGAIN"}) {
-    for (const FailureCase& c : kFailureCases) {
+    for (const FlatCall& c : Commands()) {
       MakeEveryCommandValid();
-      Ctl({"fault", c.command, err, "5"});
-      g_fd = -1;
-      EXPECT_EQ(c.call(), VDX_STATUS_SUCCESS) << err << " " << c.command;
+      Ctl({"fault", c.sim_name, err, "5"});
+      EXPECT_EQ(Call(c), VDX_STATUS_SUCCESS) << err << " " << c.line;
       // All five refusals were taken, then the driver's own answer.
-      EXPECT_FALSE(Contains(Dump(), std::string("fault ") + c.command + " "))
-          << err << " " << c.command;
-      if (g_fd >= 0) close(g_fd);
+      EXPECT_FALSE(Contains(Dump(), std::string("fault ") + c.sim_name + " "))
+          << err << " " << c.line;
     }
   }
 }
@@ -333,7 +307,7 @@ TEST_F(DriverTest, BadDescriptorIsReportedAsAnError) {
 
 TEST_F(DriverTest, ArgumentChecksNeverReachTheDriver) {
   // Arm a fault on every command: a call that reached the driver would consume it.
-  for (const FailureCase& c : kFailureCases) Ctl({"fault", c.command, "EIO", "1"});
+  for (const FlatCall& c : Commands()) Ctl({"fault", c.sim_name, "EIO", "1"});
   const vdxStatus bad = VDX_STATUS_INVALID_ARGUMENTS;
   EXPECT_EQ(dmkfdSetRunMode(static_cast<dmRunMode>(7), 0, 0), bad);
   EXPECT_EQ(dmkfdSetRunMode(DM_PROCESS_NONE_MODE, 2, 0), bad);
@@ -357,11 +331,11 @@ TEST_F(DriverTest, ArgumentChecksNeverReachTheDriver) {
   EXPECT_EQ(dmkfdGetVmidPasid(2, 1, &g_u32), bad);
   EXPECT_EQ(dmkfdReadRegister(2, 0x10, &g_u32), bad);
   EXPECT_EQ(dmkfdWriteRegister(2, 0x10, 1), bad);
-  EXPECT_EQ(dmkfdGetBusyCodec(2, true, &g_u32, &g_u32b), bad);
+  EXPECT_EQ(dmkfdGetBusyCodec(2, true, &g_u32, &g_u32), bad);
   const std::string dump = Dump();
-  for (const FailureCase& c : kFailureCases) {
-    EXPECT_TRUE(Contains(dump, std::string("fault ") + c.command + " errno 5 remaining 1"))
-        << c.command << "\n" << dump;
+  for (const FlatCall& c : Commands()) {
+    EXPECT_TRUE(Contains(dump, std::string("fault ") + c.sim_name + " errno 5 remaining 1"))
+        << c.sim_name << "\n" << dump;
   }
 }
 
@@ -371,10 +345,16 @@ TEST(DriverConnection, OpenCloseCountingLeavesNoDescriptor) {
   ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);
   const int open_descriptors = mkfd_test::CountOpenDescriptors();
   EXPECT_GT(open_descriptors, descriptors);
+  uint32_t gpu1 = 0;
+  ASSERT_EQ(dmkfdGetNodeGpuId(1, &gpu1), VDX_STATUS_SUCCESS);
   const std::string pid = " pid " + std::to_string(getpid()) + " ";
   EXPECT_TRUE(Contains(Dump(), pid));
 
+  CaptureStdout();
   EXPECT_EQ(dmkfdOpenMkfd(), VDX_STATUS_MKFD_ALREADY_OPENED);
+  const std::string out = GetCapturedStdout();
+  EXPECT_EQ(out.find("mkfd has already openned.\n"), out.rfind("mkfd has already openned.\n"));
+  EXPECT_NE(out.find("\033[31mWarning\033[0m: ["), std::string::npos) << out;
   EXPECT_EQ(mkfd_test::CountOpenDescriptors(), open_descriptors);
   EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
   EXPECT_EQ(mkfd_test::CountOpenDescriptors(), open_descriptors);
@@ -383,6 +363,17 @@ TEST(DriverConnection, OpenCloseCountingLeavesNoDescriptor) {
   // The driver saw the last close.
   EXPECT_FALSE(Contains(Dump(), pid));
   EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_MKFD_NOT_OPENED);
+  uint64_t available = 0;
+  EXPECT_EQ(dmkfdGetAvailableMem(0, &available), VDX_STATUS_MKFD_NOT_OPENED);
+
+  // Opening again scans again: the numbering is the same.
+  ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);
+  uint32_t count = 0, node = 9;
+  EXPECT_EQ(dmkfdGetNodeCount(&count), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(count, 2u);
+  EXPECT_EQ(dmkfdGetNodeByGpuId(gpu1, &node), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(node, 1u);
+  EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
   EXPECT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
   EXPECT_EQ(mkfd_test::CountOpenDescriptors(), descriptors);
 }
