@@ -123,6 +123,8 @@ vdxStatus MkfdInterface::SysfsGetGpuId(uint32_t sysNode, uint32_t* gpuId) {
   return VDX_STATUS_SUCCESS;
 }
 
+// Nodes compare as signed ints against the count; a node above INT_MAX turns negative
+// there and must not slip through to the map.
 vdxStatus MkfdInterface::UserNodeToGpuId(uint32_t node, uint32_t* gpuId) {
   if (static_cast<int>(node) >= num_xcu_nodes || static_cast<int>(node) < 0) {
     return VDX_STATUS_ERROR;

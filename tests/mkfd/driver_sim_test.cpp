@@ -316,6 +316,7 @@ TEST_F(DriverTest, ArgumentChecksNeverReachTheDriver) {
   EXPECT_EQ(dmkfdCreateVdev(0, 1, 1, 0, kGiB, 128, nullptr), bad);
   EXPECT_EQ(dmkfdCreateVdev(2, 1, 1, 0, kGiB, 128, g_mask), bad);
   EXPECT_EQ(dmkfdDestroyVdev(2, 0), bad);
+  EXPECT_EQ(dmkfdDestroyVdev(0xFFFFFFFF, 0), bad);  // negative as an int
   EXPECT_EQ(dmkfdUpdateVdev(0, static_cast<dmUpdateVdevType>(2), 0, kGiB, 0, nullptr), bad);
   EXPECT_EQ(dmkfdUpdateVdev(3, DM_UPDATE_VDEV_VRAM_LIMIT, 0, kGiB, 0, nullptr), bad);
   EXPECT_EQ(dmkfdUpdateGroup(2, 0x77, kGiB), bad);
