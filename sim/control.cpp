@@ -20,7 +20,8 @@ const char kControlUsage[] =
     "  process PID GPU GI CI             the process record the service reports\n"
     "  process PID clear\n"
     "  module STATE|absent               the module state file\n"
-    "  service normal|error STATUS|wrong-type [TYPE]|trickle|disconnect|stop|start\n"
+    "  service normal|error STATUS|wrong-type [TYPE]|trickle|disconnect\n"
+    "  service stop|start|restart          the service socket off, on, or both\n"
     "  fault COMMAND ERRNO [COUNT]       the next COUNT calls of COMMAND fail with ERRNO\n"
     "  fault clear\n"
     "  etc rw|ro|full|space              writes to /etc succeed, fail (EROFS, ENOSPC)\n"
@@ -187,6 +188,10 @@ int RunControl(const std::vector<std::string>& args, World* w, std::string* out)
       return 0;
     }
     if (mode == "start" && n == 2) return result(w->service->Start());
+    if (mode == "restart" && n == 2) {
+      w->service->Stop();
+      return result(w->service->Start());
+    }
     if (mode == "normal" && n == 2) {
       w->service->SetMode(ServiceMode::kNormal);
     } else if (mode == "error" && n == 3 && I32(args[2], &status)) {
