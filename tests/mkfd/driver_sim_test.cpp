@@ -116,7 +116,10 @@ TEST_F(DriverTest, VirtualDeviceLifeCycle) {
   memset(&se, 0xA5, sizeof(se));
   uint32_t probe[4] = {0x000F0000, 0, 0, 0};
   ASSERT_EQ(dmkfdQueryVdevSeInfo(0, 2, 128, probe, &se), VDX_STATUS_SUCCESS);
-  EXPECT_NE(se.se_mask[0], 0xA5A5A5A5u);
+  // Units 16-19 are the first four of shader engine 1.
+  EXPECT_EQ(se.se_mask[0], 0u);
+  EXPECT_EQ(se.se_mask[1], 0xFu);
+  EXPECT_EQ(se.se_mask[7], 0u);
 
   // A memory-only update passes no mask.
   ASSERT_EQ(dmkfdUpdateVdev(0, DM_UPDATE_VDEV_VRAM_LIMIT, 2, 2 * kGiB, 0, nullptr),
@@ -218,11 +221,19 @@ TEST_F(DriverTest, LiveQueries) {
   ASSERT_EQ(dmkfdReadRegister(1, 0x2040, &value), VDX_STATUS_SUCCESS);
   EXPECT_EQ(value, 0xCAFEu);
 
+  // One wave per busy unit: the busy words above hold 13 units. With registers a wave takes
+  // 96 bytes of the caller's buffer.
   std::vector<unsigned char> waves(1 << 16, 0xA5);
-  uint32_t wave_count = 0xFFFFFFFF;
+  uint32_t wave_count = 0;
   ASSERT_EQ(dmkfdGetDevWaveInfo(0, waves.data(), waves.size(), &wave_count, true),
             VDX_STATUS_SUCCESS);
-  EXPECT_NE(wave_count, 0xFFFFFFFFu);
+  EXPECT_EQ(wave_count, 13u);
+  EXPECT_EQ(waves[0], 0u);  // the first wave runs on shader engine 0
+  EXPECT_NE(waves[13 * 96 - 1], 0xA5);
+  EXPECT_EQ(waves[13 * 96], 0xA5);
+  // Only what fits in buffer_size is written; without registers a wave takes 32 bytes.
+  ASSERT_EQ(dmkfdGetDevWaveInfo(0, waves.data(), 100, &wave_count, false), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(wave_count, 3u);
 }
 
 TEST_F(DriverTest, ServiceSocketOutlivesTheDevice) {
