@@ -24,6 +24,7 @@ const char kControlUsage[] =
     "  service stop|start|restart          the service socket off, on, or both\n"
     "  fault COMMAND ERRNO [COUNT]       the next COUNT calls of COMMAND fail with ERRNO\n"
     "  fault clear\n"
+    "  inherited share|ebadf             a forked child's inherited descriptor works, or fails\n"
     "  etc rw|ro|full|space              writes to /etc succeed, fail (EROFS, ENOSPC)\n"
     "GPU is a gpu id as in the dump; numbers may be decimal or 0x hexadecimal.\n";
 
@@ -217,6 +218,10 @@ int RunControl(const std::vector<std::string>& args, World* w, std::string* out)
     count = 1;
     if (err < 0 || (n == 4 && !U32(args[3], &count))) return usage();
     return result(w->driver->InjectFault(args[1], err, count));
+  }
+  if (cmd == "inherited" && n == 2 && (args[1] == "share" || args[1] == "ebadf")) {
+    w->driver->set_inherited_usable(args[1] == "share");
+    return 0;
   }
   if (cmd == "etc" && n == 2) {
     if (w->etc == nullptr) return result("no configuration store in this world");

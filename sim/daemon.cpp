@@ -211,7 +211,7 @@ void Daemon::OnDriverMessage(int fd) {
     return;
   }
   if (req.kind == VDXSIM_MSG_ATTACH && conn == 0) {
-    bool known = driver_.HasConnection(req.conn);
+    bool known = driver_.HasConnection(req.conn) && driver_.inherited_usable();
     if (known) {
       conn = req.conn;
       ++conn_sockets_[conn];

@@ -623,6 +623,7 @@ std::string Driver::Dump() const {
     for (const auto& [gpu, pipes] : c.pipe_sets) o << " gpu " << gpu << " pipes " << Hex(pipes);
     o << "\n";
   }
+  if (!inherited_usable_) o << "inherited ebadf\n";
   for (const auto& [name, f] : faults_) {
     o << "fault " << name << " errno " << f.err << " remaining " << f.remaining << "\n";
   }

@@ -110,6 +110,10 @@ class Driver {
   // command: a name from CommandNames() or "open"; count 0 clears that command's fault.
   std::string InjectFault(const std::string& command, int err, uint32_t count);
   void ClearFaults() { faults_.clear(); }
+  // Whether a forked child may use a descriptor it inherited (true), or gets EBADF for
+  // it, as a driver that binds a descriptor to the process that opened it does.
+  void set_inherited_usable(bool usable) { inherited_usable_ = usable; }
+  bool inherited_usable() const { return inherited_usable_; }
   static std::vector<std::string> CommandNames();
 
   // Stable text of the whole state, for people and tests.
@@ -155,6 +159,7 @@ class Driver {
   std::map<uint64_t, Connection> conns_;
   std::map<std::string, Fault> faults_;
   uint64_t next_conn_ = 1;
+  bool inherited_usable_ = true;
 };
 
 // Per-engine words of a unit mask: unit n is bit n % 16 of word n / 16.

@@ -358,6 +358,25 @@ TEST_F(RawDriver, ForkedChildUsesTheInheritedDescriptor) {
   EXPECT_EQ(dump.find("connection 2"), std::string::npos) << dump;
 }
 
+TEST_F(RawDriver, InheritedDescriptorCanBeRefused) {
+  ASSERT_EQ(Ctl({"inherited", "ebadf"}), 0);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    mkfd_ioctl_get_cu_busy_args b{};
+    b.gpu_id = kGpu0;
+    bool refused = Call(fd_, MKFD_IOC_GET_CU_BUSY, &b) == EBADF;
+    int own = OpenDevice();  // a fresh open of its own is fine
+    _exit(refused && own >= 0 && Call(own, MKFD_IOC_GET_CU_BUSY, &b) == 0 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  mkfd_ioctl_get_cu_busy_args b{};
+  b.gpu_id = kGpu0;
+  EXPECT_EQ(Call(fd_, MKFD_IOC_GET_CU_BUSY, &b), 0);  // the parent's own use is unaffected
+}
+
 TEST_F(RawDriver, DuplicateOutlivesTheOriginal) {
   ASSERT_EQ(CreateVgpu(fd_, kGpu0, 0, {1, 0, 0, 0}), 0);
   mkfd_ioctl_set_process_mode_args m{};
