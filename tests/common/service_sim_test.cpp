@@ -1,0 +1,138 @@
+// The manager service client and the two queries inside the simulated machine: the socket
+// the driver hands over, the abstract socket as the fallback, and every way the service
+// can misbehave.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "common/env_check.h"
+#include "common/zomgr_client.h"
+#include "sim/ctl_client.h"
+#include "tests/utils/test_support.h"
+#include "utils/logger.h"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+using testing_support::OpenDescriptorCount;
+
+void Sim(std::initializer_list<std::string> args) {
+  std::string out;
+  ASSERT_EQ(vdxsim::SimControl(args, &out), 0) << out;
+}
+
+TEST(ServiceInSim, TheDriverHandsOverAConnectedSocket) {
+  const int before = OpenDescriptorCount();
+  int fd = -1;
+  ASSERT_TRUE(GetSocketByDriver(&fd));
+  ASSERT_GE(fd, 0);
+  EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+  // The driver is closed again; the socket alone is left, and it talks to the service.
+  EXPECT_EQ(OpenDescriptorCount(), before + 1);
+  Sim({"system-mode", "mig"});
+  SystemMode mode = SYSTEM_MODE_NONE;
+  EXPECT_TRUE(CheckSystemModeViaZomgr(mode, false, false, fd));
+  EXPECT_EQ(mode, SYSTEM_MODE_MIG);
+  EXPECT_GE(fcntl(fd, F_GETFD), 0) << "the caller's socket stays open";
+  DisconnectServer(&fd);
+  EXPECT_EQ(OpenDescriptorCount(), before);
+}
+
+TEST(ServiceInSim, QueriesWithTheirOwnConnectionLeaveNothingOpen) {
+  ASSERT_TRUE(CheckDriverExist());
+  const int before = OpenDescriptorCount();
+  SystemMode mode = SYSTEM_MODE_MIG;
+  EXPECT_TRUE(CheckSystemModeViaZomgr(mode, true, true, -1));  // a container with the driver
+  EXPECT_EQ(mode, SYSTEM_MODE_NONE);
+
+  Sim({"process", std::to_string(getpid()), "1", "2", "3"});
+  process_info info = {0, 0, 0};
+  EXPECT_TRUE(GetProcessInfoViaZomgr(getpid(), info, false, true, -1));
+  EXPECT_EQ(info.gpu_id, 1);
+  EXPECT_EQ(info.gi_id, 2);
+  EXPECT_EQ(info.ci_id, 3);
+  // A process the service knows nothing about runs on no partition: still an answer.
+  EXPECT_TRUE(GetProcessInfoViaZomgr(getpid() + 1, info, false, false, -1));
+  EXPECT_EQ(info.gpu_id, -1);
+  EXPECT_EQ(OpenDescriptorCount(), before);
+}
+
+TEST(ServiceInSim, FallsBackToTheAbstractSocketWhenTheDriverCannotConnect) {
+  Sim({"fault", "service-socket", "EIO"});
+  utils::SetLogLevel("debug");
+  CaptureStdout();
+  int fd = -1;
+  const int rc = ConnectServerQuiet(&fd, false, true);
+  const std::string out = GetCapturedStdout();
+  utils::SetLogLevel("info");
+  ASSERT_EQ(rc, 0);
+  EXPECT_NE(out.find("DEBUG: Failed to get socket by driver\n"), std::string::npos) << out;
+  SystemMode mode = SYSTEM_MODE_MIG;
+  EXPECT_TRUE(CheckSystemModeViaZomgr(mode, false, false, fd));
+  EXPECT_EQ(mode, SYSTEM_MODE_NONE);
+  DisconnectServer(&fd);
+}
+
+TEST(ServiceInSim, ADeadModuleStopsTheQueries) {
+  Sim({"module", "going"});
+  EXPECT_FALSE(CheckDriverExist());
+  SystemMode mode = SYSTEM_MODE_MIG;
+  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, true, -1));
+  EXPECT_EQ(mode, SYSTEM_MODE_MIG);
+  // Without the driver asked for, the abstract socket still answers.
+  EXPECT_TRUE(CheckSystemModeViaZomgr(mode, false, false, -1));
+  Sim({"module", "absent"});
+  EXPECT_FALSE(CheckDriverExist());
+}
+
+TEST(ServiceInSim, MisbehaviourEndsInTheRightFailure) {
+  struct Case {
+    std::initializer_list<std::string> mode;
+    bool answered;
+    const char* message;  // in the quiet client's debug output
+  };
+  const Case cases[] = {
+      {{"service", "trickle"}, true, nullptr},
+      {{"service", "wrong-type"}, false, "Recieved error response from zomgr.\n"},
+      {{"service", "error", "9"}, false, "Devices is used\n"},
+      {{"service", "disconnect"}, false, "Server is disconnect, please check server\n"},
+      {{"service", "stop"}, false, "unable to connect zomgr service.\n"},
+  };
+  for (const Case& c : cases) {
+    std::string out;
+    ASSERT_EQ(vdxsim::SimControl(c.mode, &out), 0) << out;
+    const int before = OpenDescriptorCount();
+    utils::SetLogLevel("debug");
+    CaptureStdout();
+    SystemMode mode = SYSTEM_MODE_MIG;
+    const bool answered = CheckSystemModeViaZomgr(mode, false, false, -1);
+    const std::string log = GetCapturedStdout();
+    utils::SetLogLevel("info");
+    EXPECT_EQ(answered, c.answered) << *c.mode.begin() << " " << *(c.mode.begin() + 1) << "\n" << log;
+    EXPECT_EQ(mode, c.answered ? SYSTEM_MODE_NONE : SYSTEM_MODE_MIG);
+    if (c.message != nullptr) {
+      EXPECT_NE(log.find(c.message), std::string::npos) << log;
+    }
+    EXPECT_EQ(OpenDescriptorCount(), before);
+    Sim({"service", "start"});
+    Sim({"service", "normal"});
+  }
+}
+
+TEST(ServiceInSim, AVbiosFailureReachesTheUserEvenFromAQuietQuery) {
+  Sim({"service", "error", "36"});
+  CaptureStderr();
+  SystemMode mode = SYSTEM_MODE_NONE;
+  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, true, -1));
+  const std::string err = GetCapturedStderr();
+  EXPECT_NE(err.find("\033[31mError\033[0m: "), std::string::npos) << err;
+  EXPECT_NE(err.find("VBIOS init failed\n"), std::string::npos) << err;
+}
+
+}  // namespace
