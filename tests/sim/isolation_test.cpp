@@ -76,14 +76,20 @@ bool Exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-// Host processes whose PID namespace is the given one ("pid:[...]").
+// Host processes whose PID namespace is the given one ("pid:[...]"). A killed launcher
+// cannot reap the sandbox's init; the zombie waits for the host's reaper, holds nothing
+// and does not count.
 int ProcessesIn(const std::string& ns) {
   int count = 0;
   DIR* d = opendir("/proc");
   while (dirent* e = readdir(d)) {
     char link[64] = {};
-    std::string path = std::string("/proc/") + e->d_name + "/ns/pid";
-    if (readlink(path.c_str(), link, sizeof link - 1) > 0 && ns == link) ++count;
+    std::string dir = std::string("/proc/") + e->d_name;
+    if (readlink((dir + "/ns/pid").c_str(), link, sizeof link - 1) <= 0 || ns != link) continue;
+    std::string stat = Slurp(dir + "/stat");
+    size_t paren = stat.rfind(')');
+    if (paren != std::string::npos && stat.compare(paren, 3, ") Z") == 0) continue;
+    ++count;
   }
   closedir(d);
   return count;
