@@ -1,6 +1,8 @@
 #include "sim/service.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -128,6 +130,12 @@ void Service::Drop(int fd) {
 }
 
 void Service::Flush(int fd, Client* c) {
+  if (c->trickle) {
+    // The next byte waits until the peer has read the last one, so that every read it
+    // makes returns exactly one byte.
+    int queued = 0;
+    if (ioctl(fd, SIOCOUTQ, &queued) == 0 && queued > 0) return;
+  }
   while (!c->out.empty()) {
     // Trickling clients get one byte per tick, so that each arrives in its own read.
     size_t n = c->trickle ? 1 : c->out.size();
