@@ -151,44 +151,6 @@ TEST_F(DriverLogic, DestroyedInstanceLeavesRunningConnectionsConsistent) {
   EXPECT_EQ(driver_.instances().begin()->second.refcount, 1u);
 }
 
-TEST_F(DriverLogic, FaultsCountDownPerCommand) {
-  ASSERT_EQ(driver_.InjectFault("cu-busy", EAGAIN, 2), "");
-  mkfd_ioctl_get_cu_busy_args b{};
-  b.gpu_id = 21735;
-  EXPECT_EQ(Call(MKFD_IOC_GET_CU_BUSY, &b), EAGAIN);
-  mkfd_ioctl_get_available_mem_size_args a{};
-  a.gpu_id = 21735;
-  EXPECT_EQ(Call(MKFD_IOC_GET_AVAILABLE_MEM, &a), 0);  // other commands unaffected
-  EXPECT_EQ(Call(MKFD_IOC_GET_CU_BUSY, &b), EAGAIN);
-  EXPECT_EQ(Call(MKFD_IOC_GET_CU_BUSY, &b), 0);
-  ASSERT_EQ(driver_.InjectFault("cu-busy", EIO, 5), "");
-  driver_.ClearFaults();
-  EXPECT_EQ(Call(MKFD_IOC_GET_CU_BUSY, &b), 0);
-  EXPECT_NE(driver_.InjectFault("cu-busy", 0, 1), "");
-}
-
-TEST_F(DriverLogic, SameRequestsGiveTheSameState) {
-  auto run = [](Driver* d) {
-    int err = 0;
-    uint64_t c = d->Open(9, &err);
-    std::vector<uint32_t> mask = {0xf0, 0, 0, 0};
-    std::vector<uint8_t> rec(sizeof(mkfd_ioctl_create_vgpu_args));
-    mkfd_ioctl_create_vgpu_args a{};
-    a.gpu_id = 47262;
-    a.vgpu_id = 2;
-    a.num_cu_mask = 128;
-    std::memcpy(rec.data(), &a, sizeof a);
-    IoctlInput in;
-    in.mask = mask.data();
-    in.mask_words = 4;
-    IoctlOutput out;
-    d->Ioctl(c, MKFD_IOC_CREATE_VGPU, &rec, in, &out);
-    return d->Dump();
-  };
-  Driver a(Default()), b(Default());
-  EXPECT_EQ(run(&a), run(&b));
-}
-
 class SysfsMirror : public ::testing::Test {
  protected:
   void SetUp() override {
