@@ -29,6 +29,7 @@ const char kUsage[] =
     "  --etc-readonly     /etc is read-only (writes fail with EROFS)\n"
     "  --etc-full         /etc has no free space (writes fail with ENOSPC)\n"
     "  --etc-size BYTES   room for writes under /etc (default 64 MiB)\n"
+    "  --private-home     writes to root's home directory stay in the sandbox\n"
     "  --print-machine    print the machine description and exit\n"
     "  -h, --help         this text; `vdx-sim ctl help` lists the control commands\n";
 
@@ -77,6 +78,8 @@ int main(int argc, char** argv) {
       options.etc_readonly = true;
     } else if (a == "--etc-full") {
       options.etc_full = true;
+    } else if (a == "--private-home") {
+      options.private_home = true;
     } else if (a == "--etc-size" && i + 1 < argc) {
       char* end = nullptr;
       errno = 0;

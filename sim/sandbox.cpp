@@ -1,8 +1,10 @@
 #include "sim/sandbox.h"
 
 #include <fcntl.h>
+#include <ftw.h>
 #include <limits.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -95,6 +97,11 @@ class TmpfsEtc : public EtcStore {
   bool full_ = false;
 };
 
+bool RemoveTree(const char* path) {
+  auto remove = [](const char* p, const struct stat*, int, FTW*) { return ::remove(p); };
+  return nftw(path, remove, 16, FTW_DEPTH | FTW_PHYS) == 0;
+}
+
 std::string SetupMounts(const SandboxOptions& o, bool userns, int* staging_fd) {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     return Errno("make the mount tree private");
@@ -111,6 +118,25 @@ std::string SetupMounts(const SandboxOptions& o, bool userns, int* staging_fd) {
   if (userns) overlay += ",userxattr";
   if (mount("vdx-sim-etc", "/etc", "overlay", 0, overlay.c_str()) != 0) {
     return Errno("mount the overlay over /etc");
+  }
+  // The simulated host starts without a configuration of its own; the real host's, if
+  // any, is hidden (whiteouts in the writable layer, the host's files untouched).
+  if (access("/etc/vdev", F_OK) == 0 && !RemoveTree("/etc/vdev")) {
+    return Errno("hide the host's /etc/vdev");
+  }
+  if (o.private_home) {
+    // The library keeps a per-user flag file in the home directory of the user it runs
+    // as, root inside the sandbox.
+    const passwd* root = getpwuid(0);
+    std::string home = root != nullptr && root->pw_dir[0] == '/' ? root->pw_dir : "/root";
+    if (mkdir("/tmp/home-upper", 0755) != 0 || mkdir("/tmp/home-work", 0700) != 0) {
+      return Errno("prepare the home store");
+    }
+    std::string opts = "lowerdir=" + home + ",upperdir=/tmp/home-upper,workdir=/tmp/home-work";
+    if (userns) opts += ",userxattr";
+    if (mount("vdx-sim-home", home.c_str(), "overlay", 0, opts.c_str()) != 0) {
+      return Errno("mount the overlay over " + home);
+    }
   }
   *staging_fd = open("/tmp", O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (*staging_fd < 0) return Errno("open the /etc store");

@@ -17,6 +17,7 @@ struct SandboxOptions {
   std::vector<std::string> command;
   bool etc_readonly = false;
   bool etc_full = false;
+  bool private_home = false;  // root's home directory as an overlay too
   uint64_t etc_size = 64ull << 20;  // room for writes under /etc
 };
 

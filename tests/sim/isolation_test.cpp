@@ -2,6 +2,7 @@
 // two of them never meet. These tests start vdx-sim themselves.
 #include <dirent.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -239,6 +240,24 @@ TEST(Launcher, ConfigurationStoreFaults) {
   EXPECT_NE(Sim({"--etc-size", "8192", "--", "/bin/sh", "-c",
                  "head -c 65536 /dev/zero > /etc/vdx-sim-big 2>/dev/null"}),
             0);
+}
+
+TEST(Launcher, StartsWithoutTheHostsConfigurationAndKeepsHomeWhenAsked) {
+  // The outer sandbox plays a host with a configuration of its own.
+  std::string out;
+  EXPECT_EQ(Sim({"--", "/bin/sh", "-c",
+                 "mkdir /etc/vdev && touch /etc/vdev/vdev0.conf && "
+                 "vdx-sim -- sh -c 'test -e /etc/vdev && echo inner-sees-it'; ls /etc/vdev"},
+                &out),
+            0);
+  EXPECT_EQ(out, "vdev0.conf\n");
+
+  struct passwd* root = getpwuid(0);
+  ASSERT_NE(root, nullptr);
+  std::string flag = std::string(root->pw_dir) + "/.vdx-sim-home-" + std::to_string(getpid());
+  EXPECT_EQ(Sim({"--private-home", "--", "/bin/sh", "-c", "echo 1 > " + flag + " && cat " + flag}, &out), 0);
+  EXPECT_EQ(out, "1\n");
+  EXPECT_FALSE(Exists(flag));
 }
 
 TEST(Launcher, WorksFromADirectoryTheSandboxCovers) {
