@@ -54,6 +54,7 @@ class Daemon {
   void OnDriverAccept();
   void OnDriverMessage(int fd);
   void DropDriverSocket(int fd);
+  void SettleHangups(int except);
   void OnControlAccept();
   void OnControlData(int fd);
   void Reply(int fd, int error, uint64_t conn, const std::vector<uint8_t>* record,
@@ -148,6 +149,22 @@ void Daemon::DropDriverSocket(int fd) {
   }
 }
 
+// Drops every driver socket whose peer is gone and that has nothing left to read. A
+// socket still held by some process (a duplicate, a forked child's copy) is not gone.
+void Daemon::SettleHangups(int except) {
+  std::vector<pollfd> fds;
+  for (const auto& [fd, conn] : driver_socks_) {
+    if (fd != except) fds.push_back({fd, POLLIN, 0});
+  }
+  if (poll(fds.data(), fds.size(), 0) <= 0) return;
+  for (const pollfd& p : fds) {
+    char byte;
+    if ((p.revents & (POLLHUP | POLLERR)) && recv(p.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
+      DropDriverSocket(p.fd);
+    }
+  }
+}
+
 void Daemon::Reply(int fd, int error, uint64_t conn, const std::vector<uint8_t>* record,
                    const IoctlOutput* out, int pass_fd) {
   vdxsim_reply reply{};
@@ -219,11 +236,9 @@ void Daemon::OnDriverMessage(int fd) {
     Reply(fd, known ? 0 : EBADF, conn, nullptr, nullptr, -1);
     return;
   }
-  if (req.kind == VDXSIM_MSG_CLOSE) {
-    // Closing the device releases at once, as a driver's release would: the caller's
-    // next request on another descriptor must see the connection gone.
-    Reply(fd, 0, conn, nullptr, nullptr, -1);
-    DropDriverSocket(fd);
+  if (req.kind == VDXSIM_MSG_SETTLE && conn == 0) {
+    SettleHangups(fd);
+    Reply(fd, 0, 0, nullptr, nullptr, -1);
     return;
   }
   size_t want = sizeof req + req.record_size + 4ull * req.mask_words;

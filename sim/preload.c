@@ -367,33 +367,45 @@ EXPORT int ioctl(int fd, unsigned long request, ...) {
   return real_ioctl(fd, request, arg);
 }
 
+/* After the last descriptor of a connection is closed, the daemon is told to take the
+ * hang-up in before close returns (see VDXSIM_MSG_SETTLE). */
+static void settle(void) {
+  int s = connect_driver(1);
+  if (s < 0) return;
+  struct vdxsim_request req;
+  memset(&req, 0, sizeof req);
+  req.kind = VDXSIM_MSG_SETTLE;
+  pthread_mutex_lock(&lock);
+  memcpy(message, &req, sizeof req);
+  int passed;
+  round_trip(s, sizeof req, &passed);
+  pthread_mutex_unlock(&lock);
+  sys_close(s);
+}
+
 EXPORT int close(int fd) {
+  int was_device = 0;
   if (__atomic_load_n(&device_count, __ATOMIC_RELAXED) != 0) {
     pthread_mutex_lock(&lock);
-    struct device* d = NULL;
     for (int i = 0; i < device_count; ++i) {
-      if (devices[i].fd == fd) d = &devices[i];
-    }
-    int other = d != NULL ? other_descriptor(d) : -1;
-    if (other >= 0) {
-      d->fd = other; /* a duplicate lives on: the device stays open under its number */
-    } else if (d != NULL) {
-      /* Only the socket's own process speaks for it: a forked child that never used
-       * the descriptor still shares the parent's socket, and just drops its copy. */
-      if (d->pid == getpid()) {
-        struct vdxsim_request req;
-        memset(&req, 0, sizeof req);
-        req.kind = VDXSIM_MSG_CLOSE;
-        memcpy(message, &req, sizeof req);
-        int passed;
-        round_trip(fd, sizeof req, &passed);
+      if (devices[i].fd != fd) continue;
+      int other = other_descriptor(&devices[i]);
+      if (other >= 0) {
+        devices[i].fd = other; /* a duplicate lives on: the device stays open under its number */
+      } else {
+        forget(&devices[i]);
+        was_device = 1;
       }
-      forget(d);
+      break;
     }
     pthread_mutex_unlock(&lock);
   }
   REAL(close, close_fn);
-  return real_close(fd);
+  int result = real_close(fd);
+  int err = errno;
+  if (was_device) settle();
+  errno = err;
+  return result;
 }
 
 #define MODE_ARG(flags)                 \

@@ -25,7 +25,10 @@ enum vdxsim_msg_kind {
   VDXSIM_MSG_OPEN = 1,   /* a fresh open of the device: the daemon starts a connection */
   VDXSIM_MSG_ATTACH = 2, /* a forked child joins the connection of its inherited descriptor */
   VDXSIM_MSG_IOCTL = 3,
-  VDXSIM_MSG_CLOSE = 4,  /* the socket leaves its connection; answered before close returns */
+  /* Sent on a fresh socket right after a device descriptor was closed: the daemon takes in
+   * every hang-up that has happened so far before it answers, so that close of the last
+   * descriptor releases the connection before close returns, as a driver's release does. */
+  VDXSIM_MSG_SETTLE = 4,
 };
 
 /* The user memory that a request points at could not be read (the caller's bad pointer):

@@ -358,6 +358,27 @@ TEST_F(RawDriver, ForkedChildUsesTheInheritedDescriptor) {
   EXPECT_EQ(dump.find("connection 2"), std::string::npos) << dump;
 }
 
+TEST_F(RawDriver, ChildKeepsTheDeviceThatTheParentClosed) {
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    char c;
+    close(go[1]);
+    bool ok = read(go[0], &c, 1) == 1 && CreateVgpu(fd_, kGpu1, 2, {1, 0, 0, 0}) == 0;
+    _exit(ok ? 0 : 1);
+  }
+  close(go[0]);
+  close(fd_);  // the child's copy keeps the connection
+  fd_ = -1;
+  ASSERT_EQ(write(go[1], "x", 1), 1);
+  close(go[1]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
 TEST_F(RawDriver, InheritedDescriptorCanBeRefused) {
   ASSERT_EQ(Ctl({"inherited", "ebadf"}), 0);
   pid_t child = fork();
