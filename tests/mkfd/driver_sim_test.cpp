@@ -3,9 +3,11 @@
 // accelerators of 60 and 64 compute units), and checks what the driver holds afterwards.
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -314,6 +316,39 @@ TEST_F(DriverTest, BadDescriptorIsReportedAsAnError) {
   CaptureStderr();
   EXPECT_EQ(dmkfdGetAvailableMem(0, &available), VDX_STATUS_ERROR);
   EXPECT_EQ(GetCapturedStderr(), "");
+}
+
+TEST_F(DriverTest, ForkedChildWithTheParentsDescriptor) {
+  // A driver that binds a descriptor to the process that opened it refuses the child.
+  Ctl({"inherited", "ebadf"});
+  fflush(stdout);
+  fflush(stderr);
+  int pipe_fds[2];
+  ASSERT_EQ(pipe(pipe_fds), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    // The child reports the status by its exit code and its error output through the pipe.
+    close(pipe_fds[0]);
+    dup2(pipe_fds[1], STDERR_FILENO);
+    uint64_t available = 0;
+    const bool refused = dmkfdGetAvailableMem(0, &available) == VDX_STATUS_ERROR;
+    _exit(refused ? 0 : 1);
+  }
+  close(pipe_fds[1]);
+  std::string err;
+  char buffer[512];
+  ssize_t got;
+  while ((got = read(pipe_fds[0], buffer, sizeof(buffer))) > 0) err.append(buffer, got);
+  close(pipe_fds[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_TRUE(Contains(err, "MKFD file descriptor not valid in this process\n")) << err;
+  // The parent's own descriptor still works.
+  uint64_t available = 0;
+  EXPECT_EQ(dmkfdGetAvailableMem(0, &available), VDX_STATUS_SUCCESS);
 }
 
 TEST_F(DriverTest, ArgumentChecksNeverReachTheDriver) {
