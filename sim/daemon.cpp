@@ -257,6 +257,7 @@ void Daemon::OnDriverMessage(int fd) {
   in.mask = mask.data();
   in.mask_words = mask.size();
   in.mask_fault = (req.flags & VDXSIM_FLAG_MASK_FAULT) != 0;
+  in.record_fault = (req.flags & VDXSIM_FLAG_RECORD_FAULT) != 0;
   in.data_limit = VDXSIM_MAX_DATA;
   IoctlOutput out;
   int err = driver_.Ioctl(conn, req.code, &record, in, &out);

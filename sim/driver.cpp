@@ -226,7 +226,9 @@ int Driver::Ioctl(uint64_t conn, uint32_t code, std::vector<uint8_t>* rec, const
   auto c = conns_.find(conn);
   if (c == conns_.end()) return EBADF;
   const char* name = NameOf(code);
-  if (name == nullptr || rec->size() != _IOC_SIZE(code)) return EINVAL;
+  if (name == nullptr) return EINVAL;
+  if (in.record_fault) return EFAULT;
+  if (rec->size() != _IOC_SIZE(code)) return EINVAL;
   int err = 0;
   if (TakeFault(name, &err)) return err;
   switch (code) {

@@ -79,7 +79,8 @@ struct IoctlOutput {
 struct IoctlInput {
   const uint32_t* mask = nullptr;
   size_t mask_words = 0;
-  bool mask_fault = false;  // the mask pointer could not be read
+  bool mask_fault = false;    // the mask pointer could not be read
+  bool record_fault = false;  // the record pointer could not be read
   size_t data_limit = 0;    // how many bytes the reply may carry for the caller's buffer
 };
 

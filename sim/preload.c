@@ -291,10 +291,11 @@ static int device_ioctl(struct device* d, uint32_t code, void* arg) {
   req.record_size = _IOC_SIZE(code);
   unsigned char* rec = message + sizeof req;
   if (copy_from_user(rec, (uint64_t)(uintptr_t)arg, req.record_size) != 0) {
-    errno = EFAULT;
-    return -1;
+    /* The driver decides: an unknown request is EINVAL before any copy, a known one EFAULT. */
+    req.flags |= VDXSIM_FLAG_RECORD_FAULT;
+    req.record_size = 0;
   }
-  for (size_t i = 0; i < sizeof mask_in / sizeof mask_in[0]; ++i) {
+  for (size_t i = 0; req.record_size != 0 && i < sizeof mask_in / sizeof mask_in[0]; ++i) {
     if (mask_in[i].code != code) continue;
     uint64_t bits = field(rec, mask_in[i].count_at, 4);
     uint64_t words = (bits + 31) / 32;
@@ -315,7 +316,7 @@ static int device_ioctl(struct device* d, uint32_t code, void* arg) {
   struct vdxsim_reply rep;
   memcpy(&rep, message, sizeof rep);
   size_t want = sizeof rep + rep.record_size + 4u * rep.mask_words + rep.data_size;
-  if (rep.error != 0 || (size_t)n != want || rep.record_size != req.record_size) {
+  if (rep.error != 0 || (size_t)n != want || rep.record_size != _IOC_SIZE(code)) {
     if (passed >= 0) sys_close(passed);
     errno = rep.error != 0 ? rep.error : EIO;
     return -1;

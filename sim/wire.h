@@ -34,6 +34,8 @@ enum vdxsim_msg_kind {
 /* The user memory that a request points at could not be read (the caller's bad pointer):
  * the daemon decides whether the command needed it and answers EFAULT if so. */
 #define VDXSIM_FLAG_MASK_FAULT 1u
+/* The argument record itself could not be read; no record bytes follow. */
+#define VDXSIM_FLAG_RECORD_FAULT 2u
 
 struct vdxsim_request {
   uint32_t kind;        /* enum vdxsim_msg_kind */

@@ -96,6 +96,8 @@ TEST_F(RawDriver, WrongInputFailsAsADriverWould) {
   EXPECT_EQ(errno, EFAULT);
   mkfd_ioctl_destroy_vgpu_args unused{kGpu0, 0};
   EXPECT_EQ(Call(fd_, _IOWR('M', 0x0A, mkfd_ioctl_destroy_vgpu_args), &unused), EINVAL);
+  EXPECT_EQ(ioctl(fd_, _IOWR('M', 0x0A, mkfd_ioctl_destroy_vgpu_args), nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);  // an unknown request fails before its record is read
   EXPECT_EQ(Call(fd_, _IOWR('M', 0x03, mkfd_ioctl_create_vgpu_args), &c), EINVAL);  // size
   mkfd_ioctl_get_cu_busy_args b{};
   b.gpu_id = 0;  // the CPU node is no accelerator
