@@ -20,6 +20,8 @@
 #include "sim/sysfs.h"
 #include "sim/wire.h"
 
+extern char** environ;
+
 namespace vdxsim {
 namespace {
 
@@ -102,7 +104,9 @@ pid_t Daemon::StartCommand(const sigset_t& original_mask) {
   for (const auto& e : config_.env) envp.push_back(const_cast<char*>(e.c_str()));
   argv.push_back(nullptr);
   envp.push_back(nullptr);
-  execvpe(argv[0], argv.data(), envp.data());
+  // The command is looked up in its own PATH, which names the launcher's directory.
+  environ = envp.data();
+  execvp(argv[0], argv.data());
   int err = errno;
   std::fprintf(stderr, "vdx-sim: cannot run %s: %s\n", argv[0], std::strerror(err));
   _exit(err == ENOENT ? 127 : 126);

@@ -209,6 +209,7 @@ TEST(Launcher, ExitStatusAndUsage) {
   EXPECT_EQ(Sim({}), 2);
   std::string out;
   EXPECT_EQ(Sim({"ctl", "dump"}, &out), 3);  // not inside a sandbox
+  EXPECT_EQ(Sim({"--", "vdx-sim", "ctl", "system-mode", "mig"}), 0);  // on the command's PATH
 }
 
 TEST(Launcher, MachineDescriptionFromAFile) {
