@@ -102,10 +102,70 @@ bool RemoveTree(const char* path) {
   return nftw(path, remove, 16, FTW_DEPTH | FTW_PHYS) == 0;
 }
 
+// The top-level entry under /tmp of a path ("/tmp/build" for "/tmp/build/tests/x"), or "".
+std::string TmpTopLevel(const std::string& path) {
+  if (path.rfind("/tmp/", 0) != 0) return "";
+  const size_t end = path.find('/', 5);
+  std::string top = path.substr(0, end);
+  return top.size() > 5 ? top : "";
+}
+
+// A program built or unpacked under /tmp (a checkout there, say) must still be reachable
+// once the sandbox has its own /tmp: the host's entries that hold the working directory
+// or an absolute path of the command are opened now and bound into the private /tmp later.
+class KeptTmpEntries {
+ public:
+  explicit KeptTmpEntries(const std::vector<std::string>& command) {
+    std::vector<std::string> paths;
+    char cwd[PATH_MAX];
+    if (getcwd(cwd, sizeof cwd) != nullptr) paths.emplace_back(cwd);
+    for (const std::string& arg : command) {
+      char real[PATH_MAX];
+      if (arg.rfind("/", 0) == 0 && realpath(arg.c_str(), real) != nullptr) paths.emplace_back(real);
+    }
+    for (const std::string& path : paths) {
+      const std::string top = TmpTopLevel(path);
+      if (top.empty() || Has(top)) continue;
+      const int fd = open(top.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+      if (fd >= 0) entries_.push_back({top, fd});
+    }
+  }
+  ~KeptTmpEntries() {
+    for (const Entry& e : entries_) close(e.fd);
+  }
+  KeptTmpEntries(const KeptTmpEntries&) = delete;
+  KeptTmpEntries& operator=(const KeptTmpEntries&) = delete;
+
+  // After the private /tmp is mounted.
+  std::string Bind() const {
+    for (const Entry& e : entries_) {
+      const std::string from = "/proc/self/fd/" + std::to_string(e.fd);
+      if (mkdir(e.path.c_str(), 0755) != 0 && errno != EEXIST) return Errno("mkdir " + e.path);
+      if (mount(from.c_str(), e.path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+        return Errno("keep " + e.path + " visible");
+      }
+    }
+    return "";
+  }
+
+ private:
+  struct Entry {
+    std::string path;
+    int fd;
+  };
+  bool Has(const std::string& path) const {
+    for (const Entry& e : entries_)
+      if (e.path == path) return true;
+    return false;
+  }
+  std::vector<Entry> entries_;
+};
+
 std::string SetupMounts(const SandboxOptions& o, bool userns, int* staging_fd) {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     return Errno("make the mount tree private");
   }
+  const KeptTmpEntries kept(o.command);
   const unsigned long kFlags = MS_NOSUID | MS_NODEV;
   std::string size = "size=" + std::to_string(o.etc_size) + ",mode=0700";
   if (mount("vdx-sim-etc", "/tmp", "tmpfs", kFlags, size.c_str()) != 0) {
@@ -153,7 +213,7 @@ std::string SetupMounts(const SandboxOptions& o, bool userns, int* staging_fd) {
       return Errno(std::string("mount a tmpfs on ") + m.target);
     }
   }
-  return "";
+  return kept.Bind();
 }
 
 std::string ExeDir() {

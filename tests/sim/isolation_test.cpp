@@ -279,6 +279,28 @@ TEST(Launcher, WorksFromADirectoryTheSandboxCovers) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
+TEST(Launcher, RunsACommandThatLivesUnderTmp) {
+  // A checkout or build tree under /tmp stays reachable (by absolute path and as the
+  // working directory) while the rest of the host's /tmp stays hidden.
+  char dir[] = "/tmp/vdx-sim-command-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string d = dir;
+  ASSERT_EQ(std::system(("cp /bin/cat " + d + "/mycat && echo seen > " + d + "/file").c_str()), 0);
+  const std::string sibling = d + "-sibling";
+  ASSERT_EQ(mkdir(sibling.c_str(), 0755), 0);
+  std::string out;
+  EXPECT_EQ(Sim({"--", d + "/mycat", d + "/file"}, &out), 0);
+  EXPECT_EQ(out, "seen\n");
+  // From the working directory, writing into it; a sibling under /tmp stays hidden.
+  const std::string script = "./mycat file > result && test ! -e " + sibling + " && echo hidden >> result";
+  EXPECT_EQ(std::system(("cd " + d + " && " VDX_SIM_BIN " -- /bin/sh -c '" + script + "'").c_str()), 0);
+  std::ifstream result(d + "/result");
+  std::stringstream text;
+  text << result.rdbuf();
+  EXPECT_EQ(text.str(), "seen\nhidden\n");
+  std::system(("rm -rf " + d + " " + sibling).c_str());
+}
+
 TEST(Launcher, OrdinaryUserIsRootInside) {
   Child c;
   int p[2];
