@@ -87,11 +87,9 @@ TEST(ContainerFileProbe, AnEarlierPositiveShortCircuitsAndAMissingFileFails) {
   EXPECT_EQ(id, "kept");
 
   in_container = false;
-  utils::SetLogLevel("debug");
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(CheckDockerContainerEnvByFS(dir / "missing", "/docker/", in_container, &id));
-  const std::string out = testing::internal::GetCapturedStdout();
-  utils::SetLogLevel("info");
+  const std::string out = testing_support::CaptureLog("debug", [&] {
+    EXPECT_FALSE(CheckDockerContainerEnvByFS(dir / "missing", "/docker/", in_container, &id));
+  }).out;
   EXPECT_FALSE(in_container);
   // The message names the cgroup file whichever file was asked for.
   EXPECT_NE(out.find("Unable to open file /proc/self/cgroup."), std::string::npos) << out;

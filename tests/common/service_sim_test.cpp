@@ -16,10 +16,7 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
+using testing_support::CaptureLog;
 using testing_support::OpenDescriptorCount;
 
 void Sim(std::initializer_list<std::string> args) {
@@ -65,12 +62,9 @@ TEST(ServiceInSim, QueriesWithTheirOwnConnectionLeaveNothingOpen) {
 
 TEST(ServiceInSim, FallsBackToTheAbstractSocketWhenTheDriverCannotConnect) {
   Sim({"fault", "service-socket", "EIO"});
-  utils::SetLogLevel("debug");
-  CaptureStdout();
   int fd = -1;
-  const int rc = ConnectServerQuiet(&fd, false, true);
-  const std::string out = GetCapturedStdout();
-  utils::SetLogLevel("info");
+  int rc = -1;
+  const std::string out = CaptureLog("debug", [&] { rc = ConnectServerQuiet(&fd, false, true); }).out;
   ASSERT_EQ(rc, 0);
   EXPECT_NE(out.find("DEBUG: Failed to get socket by driver\n"), std::string::npos) << out;
   SystemMode mode = SYSTEM_MODE_MIG;
@@ -108,12 +102,10 @@ TEST(ServiceInSim, MisbehaviourEndsInTheRightFailure) {
     std::string out;
     ASSERT_EQ(vdxsim::SimControl(c.mode, &out), 0) << out;
     const int before = OpenDescriptorCount();
-    utils::SetLogLevel("debug");
-    CaptureStdout();
     SystemMode mode = SYSTEM_MODE_MIG;
-    const bool answered = CheckSystemModeViaZomgr(mode, false, false, -1);
-    const std::string log = GetCapturedStdout();
-    utils::SetLogLevel("info");
+    bool answered = false;
+    const std::string log =
+        CaptureLog("debug", [&] { answered = CheckSystemModeViaZomgr(mode, false, false, -1); }).out;
     EXPECT_EQ(answered, c.answered) << *c.mode.begin() << " " << *(c.mode.begin() + 1) << "\n" << log;
     EXPECT_EQ(mode, c.answered ? SYSTEM_MODE_NONE : SYSTEM_MODE_MIG);
     if (c.message != nullptr) {
@@ -127,10 +119,9 @@ TEST(ServiceInSim, MisbehaviourEndsInTheRightFailure) {
 
 TEST(ServiceInSim, AVbiosFailureReachesTheUserEvenFromAQuietQuery) {
   Sim({"service", "error", "36"});
-  CaptureStderr();
   SystemMode mode = SYSTEM_MODE_NONE;
-  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, true, -1));
-  const std::string err = GetCapturedStderr();
+  const std::string err =
+      CaptureLog("info", [&] { EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, true, -1)); }).err;
   EXPECT_NE(err.find("\033[31mError\033[0m: "), std::string::npos) << err;
   EXPECT_NE(err.find("VBIOS init failed\n"), std::string::npos) << err;
 }

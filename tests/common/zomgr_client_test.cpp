@@ -21,10 +21,8 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
+using testing_support::CaptureLog;
+using testing_support::LogOutput;
 using testing_support::OpenDescriptorCount;
 
 std::string Frame(int16_t cmd_type, const std::string& payload, int16_t from_type = FROM_TYPE_SERVER,
@@ -74,14 +72,12 @@ class ClientTest : public testing::Test {
 
   // Receives one frame quietly (or not), returning the status and what was logged.
   int Receive(Command** cmd, bool quiet, std::string* out = nullptr, std::string* err = nullptr) {
-    utils::SetLogLevel("debug");
-    CaptureStdout();
-    CaptureStderr();
-    const int rc = quiet ? RecvCommandQuiet(cmd, client()) : RecvCommand(cmd, client());
-    const std::string o = GetCapturedStdout();
-    const std::string e = GetCapturedStderr();
-    if (out) *out = o;
-    if (err) *err = e;
+    int rc = 0;
+    const LogOutput log = CaptureLog("debug", [&] {
+      rc = quiet ? RecvCommandQuiet(cmd, client()) : RecvCommand(cmd, client());
+    });
+    if (out) *out = log.out;
+    if (err) *err = log.err;
     return rc;
   }
 
@@ -160,19 +156,16 @@ TEST_F(ClientTest, ReportsServiceErrors) {
 }
 
 TEST_F(ClientTest, AVbiosFailureAlwaysReachesTheUser) {
-  utils::SetLogLevel("info");
   Serve(Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_VBIOS_INIT_ERROR)));
-  CaptureStderr();
   Command* cmd = nullptr;
-  EXPECT_EQ(RecvCommandQuiet(&cmd, client()), -1);
-  const std::string quiet = GetCapturedStderr();
+  const std::string quiet =
+      CaptureLog("info", [&] { EXPECT_EQ(RecvCommandQuiet(&cmd, client()), -1); }).err;
   peer_.join();
   EXPECT_NE(quiet.find("VBIOS init failed\n"), std::string::npos) << quiet;
 
   Serve(Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_VBIOS_INIT_ERROR)));
-  CaptureStderr();
-  EXPECT_EQ(RecvCommand(&cmd, client()), -1);
-  const std::string loud = GetCapturedStderr();
+  const std::string loud =
+      CaptureLog("info", [&] { EXPECT_EQ(RecvCommand(&cmd, client()), -1); }).err;
   size_t count = 0;
   for (size_t at = loud.find("VBIOS init failed"); at != std::string::npos;
        at = loud.find("VBIOS init failed", at + 1))
@@ -187,10 +180,9 @@ TEST_F(ClientTest, ADisconnectMidFrameFails) {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
     ASSERT_EQ(send(pair[1], bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
     close(pair[1]);
-    CaptureStderr();
     Command* cmd = nullptr;
-    EXPECT_EQ(RecvCommand(&cmd, pair[0]), -1);
-    const std::string err = GetCapturedStderr();
+    const std::string err =
+        CaptureLog("info", [&] { EXPECT_EQ(RecvCommand(&cmd, pair[0]), -1); }).err;
     EXPECT_NE(err.find("Server is disconnect, please check server\n"), std::string::npos) << err;
     close(pair[0]);
   }
@@ -231,16 +223,14 @@ TEST_F(ClientTest, SendsWellFormedRequests) {
 }
 
 TEST_F(ClientTest, NeedsAConnectedSocket) {
-  std::string out, err;
-  utils::SetLogLevel("info");
-  CaptureStdout();
-  CaptureStderr();
-  EXPECT_EQ(SendCommand(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
-  EXPECT_EQ(SendCommandQuiet(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
-  Command* cmd = nullptr;
-  EXPECT_EQ(RecvCommandQuiet(&cmd, -1), -1);
-  out = GetCapturedStdout();
-  err = GetCapturedStderr();
+  const LogOutput log = CaptureLog("info", [] {
+    EXPECT_EQ(SendCommand(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
+    EXPECT_EQ(SendCommandQuiet(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
+    Command* cmd = nullptr;
+    EXPECT_EQ(RecvCommandQuiet(&cmd, -1), -1);
+  });
+  const std::string& out = log.out;
+  const std::string& err = log.err;
   // Only the loud call reaches the default level.
   EXPECT_EQ(err.rfind("\033[31mError\033[0m: [", 0), 0u) << err;
   EXPECT_NE(err.find("Please connect to the server first\n"), std::string::npos);
@@ -295,15 +285,13 @@ class QueryTest : public testing::Test {
 TEST_F(QueryTest, FailsEarlyWithoutTheDriverOrTheService) {
   SystemMode mode = SYSTEM_MODE_MIG;
   process_info info = {7, 8, 9};
-  utils::SetLogLevel("debug");
-  CaptureStdout();
-  // In a container the driver is required; nothing is attempted without it.
-  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, true, false, -1));
-  EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, true, false, -1));
-  // The driver is asked for but the module is not live here.
-  EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, false, true, -1));
-  const std::string out = GetCapturedStdout();
-  utils::SetLogLevel("info");
+  const std::string out = CaptureLog("debug", [&] {
+    // In a container the driver is required; nothing is attempted without it.
+    EXPECT_FALSE(CheckSystemModeViaZomgr(mode, true, false, -1));
+    EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, true, false, -1));
+    // The driver is asked for but the module is not live here.
+    EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, false, true, -1));
+  }).out;
   EXPECT_NE(out.find("] [CheckSystemModeViaZomgr] Check system mode failed, zocu driver was "
                      "required in container environment but not exist.\n"),
             std::string::npos)

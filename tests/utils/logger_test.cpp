@@ -12,31 +12,17 @@
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
+using testing_support::LogOutput;
 using testing_support::ReadFile;
 using testing_support::ScratchDir;
 
 const char kStamp[] = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )";
-const char kRedError[] = "\033[31mError\033[0m: ";
 const char kRedWarning[] = "\033[31mWarning\033[0m: ";
 
-struct Captured {
-  std::string out;
-  std::string err;
-};
-
+// The level is the test's own business here: capture without touching it.
 template <typename Body>
-Captured Capture(Body body) {
-  CaptureStdout();
-  CaptureStderr();
-  body();
-  Captured result;
-  result.out = GetCapturedStdout();
-  result.err = GetCapturedStderr();
-  return result;
+LogOutput Capture(Body body) {
+  return testing_support::CaptureLog(nullptr, body);
 }
 
 class LoggerTest : public testing::Test {
@@ -68,7 +54,7 @@ TEST_F(LoggerTest, LevelsByNameAndByValue) {
 }
 
 TEST_F(LoggerTest, TheDefaultLevelShowsInformationWarningsAndErrors) {
-  const Captured c = Capture([] {
+  const LogOutput c = Capture([] {
     LOG_DEBUG("[%s] hidden %d\n", "f", 1);
     LOG_INFO("[%s] plain %d\n", "f", 2);
     LOG_WARNING("[%s] careful %d\n", "f", 3);
@@ -86,7 +72,7 @@ TEST_F(LoggerTest, TheDefaultLevelShowsInformationWarningsAndErrors) {
 
 TEST_F(LoggerTest, LevelsFilterMessages) {
   utils::SetLogLevel("warning");
-  Captured c = Capture([] {
+  LogOutput c = Capture([] {
     LOG_INFO("info\n");
     LOG_WARNING("warning\n");
     LOG_ERROR("error\n");
@@ -113,7 +99,7 @@ TEST_F(LoggerTest, LevelsFilterMessages) {
 TEST_F(LoggerTest, TraceAddsTheSourceFileAndLine) {
   utils::SetLogLevel("trace");
   int line = 0;
-  const Captured c = Capture([&] {
+  const LogOutput c = Capture([&] {
     line = __LINE__ + 1;
     LOG_ERROR("[%s] lost\n", "f");
     LOG_WARNING("[%s] warn\n", "f");
@@ -131,7 +117,7 @@ TEST_F(LoggerTest, TraceAddsTheSourceFileAndLine) {
 }
 
 TEST_F(LoggerTest, PrintOfAFinishedStringStillInterpretsPercent) {
-  const Captured c = Capture([] { utils::Print(utils::kLogInfo, std::string("100%% done\n")); });
+  const LogOutput c = Capture([] { utils::Print(utils::kLogInfo, std::string("100%% done\n")); });
   EXPECT_EQ(c.out, "100% done\n");
 }
 
@@ -158,7 +144,7 @@ TEST_F(LoggerTest, TheLogFileGetsACopyOfEveryMessage) {
   EXPECT_TRUE(std::regex_match(ReadFile(second), std::regex(file_stamp + "four\n")));
 
   // A path that cannot be opened leaves the logger without a file and says why.
-  const Captured c = Capture([&] {
+  const LogOutput c = Capture([&] {
     utils::SetLogFile(dir / "missing/dir.log");
     LOG_INFO("five\n");
   });

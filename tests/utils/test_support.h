@@ -12,7 +12,31 @@
 #include <sstream>
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include "utils/logger.h"
+
 namespace testing_support {
+
+struct LogOutput {
+  std::string out;  // standard output
+  std::string err;  // standard error
+};
+
+// Runs body with standard output and error captured. With a level name, the log level is
+// set to it for the call and back to "info" afterwards; without one it is left alone.
+template <typename Body>
+LogOutput CaptureLog(const char* level, Body body) {
+  if (level != nullptr) utils::SetLogLevel(std::string(level));
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  body();
+  LogOutput result;
+  result.out = testing::internal::GetCapturedStdout();
+  result.err = testing::internal::GetCapturedStderr();
+  if (level != nullptr) utils::SetLogLevel(std::string("info"));
+  return result;
+}
 
 // A fresh directory under /tmp, removed with everything in it at scope exit.
 class ScratchDir {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/utils/test_support.h"
 #include "utils/logger.h"
 #include "zovdx/vdx.h"
 
@@ -11,15 +12,13 @@ namespace {
 
 TEST(InitDevice, SaysItIsDeprecatedOnlyAtDebugLevel) {
   vdxDeviceInfo info;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(vdxInitDevice(&info), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-
-  utils::SetLogLevel("debug");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(vdxInitDevice(nullptr), VDX_STATUS_SUCCESS);
-  const std::string out = testing::internal::GetCapturedStdout();
-  utils::SetLogLevel("info");
+  EXPECT_EQ(testing_support::CaptureLog("info", [&] {
+              EXPECT_EQ(vdxInitDevice(&info), VDX_STATUS_SUCCESS);
+            }).out,
+            "");
+  const std::string out = testing_support::CaptureLog("debug", [] {
+    EXPECT_EQ(vdxInitDevice(nullptr), VDX_STATUS_SUCCESS);
+  }).out;
   const std::string expected =
       "] [vdxInitDevice] \033[33mInfo\033[0m: this api has been deprecated, there's no need to "
       "invoked this interface while using virtual gpus.\n";
