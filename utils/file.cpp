@@ -9,21 +9,18 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
 #include "utils/logger.h"
+#include "utils/scoped.h"
 #include "utils/utils.h"
 
 namespace {
 
 constexpr const char kRedInvalid[] = "\033[31minvalid\033[0m";
 constexpr const char kRedError[] = "\033[31merror\033[0m";
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-using DirHandle = std::unique_ptr<DIR, DirCloser>;
 
 std::string ErrnoText(int err) { return std::to_string(err) + ":" + strerror(err); }
 
@@ -95,29 +92,60 @@ bool WriteTextFile(const std::string& directory, const std::string& fileName,
 
 bool ForEachLine(const std::string& path,
                  const std::function<bool(const std::string&)>& visit) {
-  FILE* fp = fopen(path.c_str(), "re");
-  if (fp == nullptr) return false;
-  char* buffer = nullptr;
-  size_t capacity = 0;
+  utils::FileHandle file(fopen(path.c_str(), "re"));
+  if (!file) return false;
+  // getline mallocs and reallocs the buffer; whatever pointer it left is freed on every way
+  // out, a throwing visitor included.
+  struct LineBuffer {
+    char* data = nullptr;
+    size_t capacity = 0;
+    ~LineBuffer() { free(data); }
+  } buffer;
   ssize_t length;
   std::string line;
-  while ((length = getline(&buffer, &capacity, fp)) >= 0) {
-    line.assign(buffer, static_cast<size_t>(length));
+  while ((length = getline(&buffer.data, &buffer.capacity, file.get())) >= 0) {
+    line.assign(buffer.data, static_cast<size_t>(length));
     if (!line.empty() && line.back() == '\n') line.pop_back();
     if (!visit(line)) break;
   }
-  free(buffer);
-  fclose(fp);
+  return true;
+}
+
+bool ForEachDirectoryEntry(const std::string& directory,
+                           const std::function<bool(const char* name)>& visit) {
+  utils::DirHandle dir(opendir(directory.c_str()));  // glibc opens it close-on-exec
+  if (!dir) return false;
+  while (const struct dirent* entry = readdir(dir.get())) {
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    if (!visit(entry->d_name)) break;
+  }
   return true;
 }
 
 bool GetFileNamesInDirectory(const std::string& directory, std::vector<std::string>& names) {
   if (!IsDirectoryExist(directory)) return false;
-  DirHandle dir(opendir(directory.c_str()));
-  if (!dir) return false;
-  while (const struct dirent* entry = readdir(dir.get())) {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    names.emplace_back(entry->d_name);
+  return ForEachDirectoryEntry(directory, [&names](const char* name) {
+    names.emplace_back(name);
+    return true;
+  });
+}
+
+bool ReadSmallFile(const std::string& path, std::string& text, size_t limit, int dir_fd) {
+  text.clear();
+  utils::FdHandle fd(openat(dir_fd, path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) return false;
+  char buffer[4096];
+  for (;;) {
+    size_t want = sizeof(buffer);
+    if (limit != 0) {
+      if (text.size() >= limit) break;
+      want = std::min(want, limit - text.size());
+    }
+    const ssize_t n = read(fd.get(), buffer, want);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) break;
+    text.append(buffer, static_cast<size_t>(n));
   }
   return true;
 }
@@ -127,37 +155,58 @@ FileLocker::FileLocker(const std::string& lockFile, int lockType, bool nonBlocki
   if (!IsValidLockType(lockType))
     throw LockTypeError(std::string(kRedInvalid) + " input lock_type parameter");
 
-  // With umask 0 the lock file comes out 0666, so that unprivileged processes can take a
-  // shared lock on a file that root created.
-  const mode_t old_mask = umask(0);
-  if (!IsFileExist(lock_file_)) {
-    LOG_DEBUG("[%s] lock file %s does not exist, create it.\n", "FileLocker", lock_file_.c_str());
-    lock_fd_ = open(lock_file_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (lock_fd_ < 0) {
-      const int err = errno;
-      umask(old_mask);
-      throw OpenLockFileError(std::string(kRedError) + " while create lock file " + lock_file_ +
-                              ". " + ErrnoText(err));
-    }
-  } else {
+  const bool existed = IsFileExist(lock_file_);
+  if (existed)
     LOG_DEBUG("[%s] lock file %s exist, open it.\n", "FileLocker", lock_file_.c_str());
-    lock_fd_ = open(lock_file_.c_str(), O_RDWR | O_CLOEXEC);
-    if (lock_fd_ < 0) {
-      const int err = errno;
-      umask(old_mask);
-      throw OpenLockFileError(std::string(kRedError) + " while open lock file " + lock_file_ +
-                              ". " + ErrnoText(err));
-    }
-  }
-  umask(old_mask);
+  else
+    LOG_DEBUG("[%s] lock file %s does not exist, create it.\n", "FileLocker", lock_file_.c_str());
 
-  const int err = FlockRetrying(lock_fd_, lockType, nonBlocking);
+  // O_EXCL tells whether this very call made the file (only such a file gets its mode set);
+  // O_NOFOLLOW keeps a planted link from steering the open anywhere else. A file removed
+  // between the two opens is simply created on the next round.
+  bool created = false;
+  int err = 0;
+  utils::FdHandle fd;
+  for (int round = 0; round < 8 && fd.get() < 0; ++round) {
+    fd.reset(open(lock_file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    if (fd.get() >= 0) {
+      created = true;
+      break;
+    }
+    if (errno != EEXIST) {
+      err = errno;
+      break;
+    }
+    fd.reset(open(lock_file_.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.get() < 0 && errno != ENOENT) {
+      err = errno;
+      break;
+    }
+    err = errno;
+  }
+  struct stat st;
+  if (fd.get() >= 0 && (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
+    fd.reset();
+    err = EINVAL;
+  }
+  // The mode is set on the descriptor, not through the process-wide umask, which other
+  // threads' files would share meanwhile.
+  if (fd.get() >= 0 && created && fchmod(fd.get(), 0666) != 0) {
+    err = errno;
+    fd.reset();
+  }
+  if (fd.get() < 0) {
+    throw OpenLockFileError(std::string(kRedError) +
+                            (existed ? " while open lock file " : " while create lock file ") +
+                            lock_file_ + ". " + ErrnoText(err));
+  }
+
+  err = FlockRetrying(fd.get(), lockType, nonBlocking);
   if (err == 0) {
+    lock_fd_ = fd.release();
     lock_status_ = lockType;
     return;
   }
-  close(lock_fd_);
-  lock_fd_ = -1;
   if (err == EWOULDBLOCK) throw AquireLockFail(HeldElsewhereText(lock_file_));
   throw AquireLockError(std::string(kRedError) + " while aquire the lock on file " + lock_file_ +
                         "." + ErrnoText(err));
@@ -177,6 +226,8 @@ void FileLocker::ChangeLockType(int lockType, bool nonBlocking) {
     lock_status_ = lockType;
     return;
   }
+  // flock released the old lock before it tried the new one: nothing is held now.
+  lock_status_ = -1;
   if (err == EWOULDBLOCK) throw AquireLockFail(HeldElsewhereText(lock_file_));
   throw AquireLockError(std::string(kRedError) + " while aquire lock to lock file " + lock_file_ +
                         "." + ErrnoText(err));

@@ -3,6 +3,9 @@
 #ifndef ZOVDX_UTILS_FILE_H_
 #define ZOVDX_UTILS_FILE_H_
 
+#include <fcntl.h>
+
+#include <cstddef>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -31,8 +34,22 @@ bool ForEachLine(const std::string& path, const std::function<bool(const std::st
 // Appends every entry name but "." and ".." to names, in directory order.
 bool GetFileNamesInDirectory(const std::string& directory, std::vector<std::string>& names);
 
+// Calls visit with each entry name but "." and ".." in directory order until visit returns
+// false. False when the directory cannot be opened.
+bool ForEachDirectoryEntry(const std::string& directory,
+                           const std::function<bool(const char* name)>& visit);
+
+// Replaces text with the first limit bytes of the file (all of it for limit 0); path is
+// taken relative to dir_fd. False when the file cannot be opened or read; text may then
+// hold a part. Meant for small files (sysfs, /proc): everything is held in memory.
+bool ReadSmallFile(const std::string& path, std::string& text, size_t limit = 0,
+                   int dir_fd = AT_FDCWD);
+
 // Holds a flock on a lock file from construction to Unlock or destruction. The lock file is
 // created with mode 0666 whatever the umask, so unprivileged processes can share it.
+// The lock file lives in a directory that every user may write (/tmp), so it is opened
+// without following a symbolic link, never truncated, and refused unless it is a regular
+// file: nobody can make a root process create or clobber a file of their choosing.
 // Not to be shared between threads.
 class FileLocker {
  public:
@@ -69,8 +86,12 @@ class FileLocker {
   FileLocker& operator=(const FileLocker&) = delete;
 
   // Converts the held lock in place (not atomically: another process may get in between).
+  // The system drops the old lock before it asks for the new one, so after a refused or
+  // failed conversion nothing is held any more: LockStatus() is then -1.
   void ChangeLockType(int lockType, bool nonBlocking);
   void Unlock();
+  // The lock type held now (kShared or kExclusive), or -1 when none.
+  int LockStatus() const { return lock_status_; }
 
   bool operator==(const FileLocker& other) const;
 

@@ -9,10 +9,13 @@
 #include <sys/select.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -127,6 +130,26 @@ TEST(FileHelpers, ForEachLineVisitsLinesUntilToldToStop) {
   }));
   EXPECT_EQ(seen.size(), 2u);
   EXPECT_FALSE(ForEachLine(dir / "missing", [](const std::string&) { return true; }));
+
+  // A visitor that throws leaves neither the stream nor the line buffer behind (the
+  // sanitizer build reports the buffer as a leak).
+  const int descriptors = OpenDescriptorCount();
+  EXPECT_THROW(ForEachLine(dir / "lines",
+                           [](const std::string& line) -> bool { throw std::runtime_error(line); }),
+               std::runtime_error);
+  EXPECT_EQ(OpenDescriptorCount(), descriptors);
+}
+
+TEST(FileHelpers, ReadsTheHeadOfASmallFile) {
+  ScratchDir dir;
+  ASSERT_TRUE(WriteTextFile(dir.path(), "f", std::string(10000, 'x') + "y", false));
+  std::string text = "stale";
+  ASSERT_TRUE(ReadSmallFile(dir / "f", text));
+  EXPECT_EQ(text, std::string(10000, 'x') + "y");
+  ASSERT_TRUE(ReadSmallFile(dir / "f", text, 4095));
+  EXPECT_EQ(text, std::string(4095, 'x'));
+  EXPECT_FALSE(ReadSmallFile(dir / "missing", text));
+  EXPECT_EQ(text, "");
 }
 
 TEST(FileHelpers, ListsDirectoryEntries) {
@@ -212,9 +235,22 @@ TEST(FileLocker, ExcludesOtherProcesses) {
   }
   EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kExclusive, true); }), kLocked);
 
-  // Shared holders coexist; raising one to exclusive fails while another still shares.
+  // Shared holders coexist; a lone holder raises its lock to exclusive.
   FileLocker mine(path, FileLocker::kShared, false);
   EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kShared, true); }), kLocked);
+  mine.ChangeLockType(FileLocker::kExclusive, true);
+  EXPECT_EQ(mine.LockStatus(), FileLocker::kExclusive);
+  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kShared, true); }), kLockFail);
+  mine.Unlock();
+  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kExclusive, true); }), kLocked);
+}
+
+// flock gives the old lock up before it asks for the new one: after a refused upgrade the
+// object must not claim a lock it lost, and asking for a shared lock again must take one.
+TEST(FileLocker, ARefusedUpgradeHoldsNothing) {
+  ScratchDir dir;
+  const std::string path = dir / "lock";
+  FileLocker mine(path, FileLocker::kShared, false);
   int ready[2], release[2];
   ASSERT_EQ(pipe(ready), 0);
   ASSERT_EQ(pipe(release), 0);
@@ -235,14 +271,92 @@ TEST(FileLocker, ExcludesOtherProcesses) {
     EXPECT_EQ(std::string(e.what()),
               "the lock on file " + path + " has been already aquired by another process");
   }
+  EXPECT_EQ(mine.LockStatus(), -1);
   ASSERT_EQ(write(release[1], &c, 1), 1);
   int status;
   ASSERT_EQ(waitpid(holder, &status, 0), holder);
-  mine.ChangeLockType(FileLocker::kExclusive, true);
-  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kShared, true); }), kLockFail);
-  mine.Unlock();
+  // Nothing is held: another process gets the file exclusively.
   EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kExclusive, true); }), kLocked);
+
+  mine.ChangeLockType(FileLocker::kShared, false);
+  EXPECT_EQ(mine.LockStatus(), FileLocker::kShared);
+  EXPECT_EQ(InChild([&] { return TryLock(path, FileLocker::kExclusive, true); }), kLockFail);
   for (int fd : {ready[0], ready[1], release[0], release[1]}) close(fd);
+}
+
+// The lock file lives in a directory every user can write. Whatever was planted at its
+// path, a root process must neither create nor change a file elsewhere through it.
+TEST(FileLocker, RefusesLinksAndFilesThatAreNotRegular) {
+  ScratchDir dir;
+  const std::string target = dir / "precious";
+  const std::string planted = dir / "lock";
+
+  ASSERT_EQ(symlink(target.c_str(), planted.c_str()), 0);  // dangling
+  EXPECT_THROW(FileLocker(planted, FileLocker::kShared, false), FileLocker::OpenLockFileError);
+  EXPECT_FALSE(IsFileExist(target)) << "the link's target was created";
+
+  ASSERT_TRUE(WriteTextFile(dir.path(), "precious", "keep me", false));
+  ASSERT_EQ(chmod(target.c_str(), 0600), 0);
+  try {
+    FileLocker lock(planted, FileLocker::kExclusive, false);
+    ADD_FAILURE() << "a link to a file was accepted as the lock file";
+  } catch (const FileLocker::OpenLockFileError& e) {
+    EXPECT_EQ(std::string(e.what()), "\033[31merror\033[0m while open lock file " + planted +
+                                         ". " + std::to_string(ELOOP) + ":" + strerror(ELOOP));
+  }
+  EXPECT_EQ(ReadFile(target), "keep me");
+  struct stat st;
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+  ASSERT_EQ(unlink(planted.c_str()), 0);
+  ASSERT_EQ(mkfifo(planted.c_str(), 0666), 0);
+  const int descriptors = OpenDescriptorCount();
+  EXPECT_THROW(FileLocker(planted, FileLocker::kShared, false), FileLocker::OpenLockFileError);
+  EXPECT_EQ(OpenDescriptorCount(), descriptors);
+  ASSERT_EQ(unlink(planted.c_str()), 0);
+  ASSERT_TRUE(CreateDirectory(planted));
+  EXPECT_THROW(FileLocker(planted, FileLocker::kShared, false), FileLocker::OpenLockFileError);
+}
+
+TEST(FileLocker, AnExistingLockFileKeepsItsContentAndMode) {
+  ScratchDir dir;
+  ASSERT_TRUE(WriteTextFile(dir.path(), "lock", "someone's notes", false));
+  ASSERT_EQ(chmod((dir / "lock").c_str(), 0640), 0);
+  {
+    FileLocker lock(dir / "lock", FileLocker::kExclusive, false);
+  }
+  EXPECT_EQ(ReadFile(dir / "lock"), "someone's notes");
+  struct stat st;
+  ASSERT_EQ(stat((dir / "lock").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0640u);
+}
+
+// The umask is process-wide: while a lock file is being made, files that other threads
+// create must still get their usual modes.
+TEST(FileLocker, LeavesTheUmaskOfOtherThreadsAlone) {
+  ScratchDir dir;
+  const mode_t old_mask = umask(022);
+  std::atomic<bool> stop{false};
+  std::atomic<int> wrong_modes{0};
+  std::thread creator([&] {
+    for (int i = 0; !stop; ++i) {
+      const std::string path = dir / ("file" + std::to_string(i % 16));
+      const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+      struct stat st;
+      if (fd >= 0 && fstat(fd, &st) == 0 && (st.st_mode & 0777) != 0644) ++wrong_modes;
+      if (fd >= 0) close(fd);
+      unlink(path.c_str());
+    }
+  });
+  for (int i = 0; i < 3000; ++i) {
+    const std::string path = dir / ("lock" + std::to_string(i));
+    FileLocker lock(path, FileLocker::kShared, false);
+  }
+  stop = true;
+  creator.join();
+  umask(old_mask);
+  EXPECT_EQ(wrong_modes, 0);
 }
 
 TEST(FileLocker, ABlockingRequestWaitsForTheHolder) {
