@@ -83,8 +83,9 @@ bool GetSocketByDriver(int* socket_fd) {
   const vdxStatus opened = dmkfdOpenMkfd();
   if (opened != VDX_STATUS_SUCCESS && opened != VDX_STATUS_MKFD_ALREADY_OPENED) {
     LOG_DEBUG("Open mkfd failed\n");
-    // Without topology nodes the device is open all the same: close it, or it leaks.
-    if (opened == VDX_STATUS_SYS_NODE_NOT_EXIST) dmkfdCloseMkfd();
+    // Only a failed open leaves nothing open: after a failed topology scan (no nodes, no
+    // memory) the device is open all the same and must be closed, or it leaks.
+    if (opened != VDX_STATUS_OPEN_MKFD_FAILED) dmkfdCloseMkfd();
     dmkfdShutDown();
     return false;
   }

@@ -1,86 +1,42 @@
 // The accelerator topology from sysfs: the node scan that builds the user node map, the map
 // look-ups, and the node and memory bank property readers. Failures are reported by status
 // only; nothing here logs.
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <new>
+#include <string>
 
 #include "mkfd/device_names.h"
 #include "mkfd/mkfd_interface.h"
 #include "mkfd/sysfs_properties.h"
+#include "utils/file.h"
+#include "utils/scoped.h"
 
 namespace {
 
 // Properties files are small: what does not fit in one page is cut.
-constexpr size_t kPropertiesBufferSize = 4096;
+constexpr size_t kPropertiesLimit = 4096 - 1;
 constexpr size_t kPathSize = 256;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-using DirHandle = std::unique_ptr<DIR, DirCloser>;
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FileHandle = std::unique_ptr<FILE, FileCloser>;
-
-class FdHandle {
- public:
-  explicit FdHandle(int fd) : fd_(fd) {}
-  ~FdHandle() {
-    if (fd_ >= 0) close(fd_);
-  }
-  FdHandle(const FdHandle&) = delete;
-  FdHandle& operator=(const FdHandle&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // Number of entries other than "." and "..", or -1 when the directory cannot be opened.
 int CountDirectoryEntries(const char* path) {
-  DirHandle dir(opendir(path));  // glibc opens directories close-on-exec
-  if (!dir) return -1;
   int count = 0;
-  while (const dirent* entry = readdir(dir.get())) {
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) ++count;
-  }
+  if (!ForEachDirectoryEntry(path, [&count](const char*) { return ++count, true; })) return -1;
   return count;
 }
 
-// Reads the head of a properties file into buffer as a NUL-terminated text: one open, reads
-// until the buffer is full or the file ends. The last byte is always the terminator, so a
-// file of the buffer's size or more loses its tail.
-vdxStatus ReadPropertiesText(const char* path, char* buffer, size_t size) {
-  FdHandle fd(open(path, O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) return VDX_STATUS_ERROR;
-  size_t total = 0;
-  while (total < size) {
-    const ssize_t got = read(fd.get(), buffer + total, size - total);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    total += static_cast<size_t>(got);
-  }
-  if (total == 0) return VDX_STATUS_ERROR;
-  buffer[total < size ? total : size - 1] = '\0';
+// The head of a properties file; an unreadable or empty file is an error.
+vdxStatus ReadPropertiesText(const char* path, std::string& text) {
+  if (!ReadSmallFile(path, text, kPropertiesLimit) || text.empty()) return VDX_STATUS_ERROR;
   return VDX_STATUS_SUCCESS;
-}
-
-std::unique_ptr<char[]> NewPropertiesBuffer() {
-  return std::unique_ptr<char[]>(new (std::nothrow) char[kPropertiesBufferSize]);
 }
 
 }  // namespace
 
-vdxStatus MkfdInterface::GetSysNodeCount() {
+// Out of memory anywhere in the scan is a status, never an exception: the flat functions
+// above are called from C.
+vdxStatus MkfdInterface::GetSysNodeCount() try {
   const int count = CountDirectoryEntries(kSysfsNodesDir);
   if (count <= 0) {
     num_sysfs_nodes = 0;
@@ -97,21 +53,19 @@ vdxStatus MkfdInterface::GetSysNodeCount() {
     // down one user number.
     if (SysfsGetGpuId(static_cast<uint32_t>(sysNode), &gpuId) != VDX_STATUS_SUCCESS) continue;
     if (gpuId == 0) continue;
-    try {
-      node_map_gpuId.push_back(NodeGpuId{static_cast<uint32_t>(sysNode), gpuId});
-    } catch (const std::bad_alloc&) {
-      return VDX_STATUS_NO_MEMORY;
-    }
+    node_map_gpuId.push_back(NodeGpuId{static_cast<uint32_t>(sysNode), gpuId});
     ++num_xcu_nodes;
   }
   return VDX_STATUS_SUCCESS;
+} catch (const std::bad_alloc&) {
+  return VDX_STATUS_NO_MEMORY;
 }
 
 vdxStatus MkfdInterface::SysfsGetGpuId(uint32_t sysNode, uint32_t* gpuId) {
   if (gpuId == nullptr) return VDX_STATUS_ERROR;
   char path[kPathSize];
   snprintf(path, sizeof(path), "%s/%d/gpu_id", kSysfsNodesDir, static_cast<int>(sysNode));
-  FileHandle file(fopen(path, "re"));
+  utils::FileHandle file(fopen(path, "re"));
   if (!file) return VDX_STATUS_ERROR;
   unsigned int value = 0;
   errno = 0;
@@ -154,18 +108,16 @@ vdxStatus MkfdInterface::GpuIdToUserNode(uint32_t gpuId, uint32_t* node) {
   return VDX_STATUS_ERROR;
 }
 
-vdxStatus MkfdInterface::GetNodeProperties(uint32_t node, dmkfdNodeProperties* props) {
+vdxStatus MkfdInterface::GetNodeProperties(uint32_t node, dmkfdNodeProperties* props) try {
   uint32_t sysNode = 0;
   if (UserNodeMapSysNode(node, &sysNode) != VDX_STATUS_SUCCESS) {
     return VDX_STATUS_INVALID_ARGUMENTS;
   }
   if (props == nullptr) return VDX_STATUS_INVALID_ARGUMENTS;
-  std::unique_ptr<char[]> text = NewPropertiesBuffer();
-  if (!text) return VDX_STATUS_NO_MEMORY;
-
   char path[kPathSize];
   snprintf(path, sizeof(path), "%s/%d/properties", kSysfsNodesDir, static_cast<int>(sysNode));
-  const vdxStatus read = ReadPropertiesText(path, text.get(), kPropertiesBufferSize);
+  std::string text;
+  const vdxStatus read = ReadPropertiesText(path, text);
   if (read != VDX_STATUS_SUCCESS) return read;
 
   struct Field {
@@ -186,7 +138,7 @@ vdxStatus MkfdInterface::GetNodeProperties(uint32_t node, dmkfdNodeProperties* p
       {"max_waves_per_simd", &props->MaxWavePerSimd},
       {"dp4x_status", &props->Dp4xStatus},
   };
-  ParsePropertyLines(text.get(), [&fields](const char* key, uint64_t value) {
+  ParsePropertyLines(text.c_str(), [&fields](const char* key, uint64_t value) {
     for (const Field& field : fields) {
       if (strcmp(key, field.key) == 0) {
         *field.value = static_cast<uint32_t>(value);
@@ -213,20 +165,21 @@ vdxStatus MkfdInterface::GetNodeProperties(uint32_t node, dmkfdNodeProperties* p
     }
   }
   return VDX_STATUS_SUCCESS;
+} catch (const std::bad_alloc&) {
+  return VDX_STATUS_NO_MEMORY;
 }
 
 vdxStatus MkfdInterface::GetMemProperties(uint32_t sysNode, uint32_t bank,
-                                          dmkfdMemoryProperties* props) {
+                                          dmkfdMemoryProperties* props) try {
   if (props == nullptr) return VDX_STATUS_INVALID_ARGUMENTS;
   char path[kPathSize];
   snprintf(path, sizeof(path), "%s/%d/mem_banks/%d/properties", kSysfsNodesDir,
            static_cast<int>(sysNode), static_cast<int>(bank));
-  std::unique_ptr<char[]> text = NewPropertiesBuffer();
-  if (!text) return VDX_STATUS_NO_MEMORY;
-  const vdxStatus read = ReadPropertiesText(path, text.get(), kPropertiesBufferSize);
+  std::string text;
+  const vdxStatus read = ReadPropertiesText(path, text);
   if (read != VDX_STATUS_SUCCESS) return read;
 
-  ParsePropertyLines(text.get(), [props](const char* key, uint64_t value) {
+  ParsePropertyLines(text.c_str(), [props](const char* key, uint64_t value) {
     if (strcmp(key, "heap_type") == 0)
       props->HeapType = static_cast<DMKFD_HEAPTYPE>(static_cast<uint32_t>(value));
     else if (strcmp(key, "size_in_bytes") == 0)
@@ -237,4 +190,6 @@ vdxStatus MkfdInterface::GetMemProperties(uint32_t sysNode, uint32_t bank,
       props->MemoryClockMax = static_cast<uint32_t>(value);
   });
   return VDX_STATUS_SUCCESS;
+} catch (const std::bad_alloc&) {
+  return VDX_STATUS_NO_MEMORY;
 }
