@@ -11,7 +11,9 @@
 
 namespace utils {
 
-enum LogLevel {
+// A fixed underlying type: levels arrive as numbers from the environment, and any int must
+// be a value of the type so that an unknown one can be mapped instead of being undefined.
+enum LogLevel : int {
   kLogNone = 0,
   kLogError = 1,
   kLogWarning = 2,
