@@ -1,12 +1,14 @@
 #include "utils/process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
-#include <sys/select.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -14,15 +16,71 @@
 #include "utils/utils.h"
 
 namespace utils {
+namespace {
+
+// Moves a pipe end above the standard descriptors. A caller that closed its standard input
+// or output gets 0 or 1 back from pipe(); the child's dup2 onto 1 would then be a no-op that
+// keeps close-on-exec, and the parent's reading end would look like "no pipe". -1 on failure
+// (the old descriptor is closed in any case).
+int AboveStandardDescriptors(int fd) {
+  if (fd > STDERR_FILENO) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  close(fd);
+  return moved;
+}
+
+}  // namespace
+
+// The child is named by a pidfd where the kernel has them: a pid that somebody else reaped
+// (a SIGCHLD handler, a waitpid(-1)) may already belong to another process, even to another
+// child of ours, and must be neither signalled nor waited for. Without pidfds the pid is
+// the best there is.
+bool Process::ChildUnreaped(bool running_only) {
+  siginfo_t info;
+  memset(&info, 0, sizeof(info));
+  const int options = WEXITED | WNOHANG | WNOWAIT;
+  const int rc = pidfd_ >= 0 ? waitid(P_PIDFD, static_cast<id_t>(pidfd_), &info, options)
+                             : waitid(P_PID, static_cast<id_t>(pid_), &info, options);
+  if (rc != 0) return false;
+  // si_pid stays 0 while the child has not ended.
+  return running_only ? info.si_pid == 0 : true;
+}
+
+int Process::KillChild() {
+  if (pidfd_ >= 0) return static_cast<int>(syscall(SYS_pidfd_send_signal, pidfd_, SIGKILL, nullptr, 0));
+  return kill(pid_, SIGKILL);
+}
+
+bool Process::ReapChild(int* raw_status) {
+  siginfo_t info;
+  int rc;
+  do {
+    memset(&info, 0, sizeof(info));
+    rc = pidfd_ >= 0 ? waitid(P_PIDFD, static_cast<id_t>(pidfd_), &info, WEXITED)
+                     : waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED);
+  } while (rc != 0 && errno == EINTR);
+  if (pidfd_ >= 0) close(pidfd_);
+  pidfd_ = -1;
+  pid_ = -1;
+  if (rc != 0) return false;
+  // Back to the status word waitpid would give: the exit code in the second byte, or the
+  // signal number (with 0x80 for a core dump).
+  if (info.si_code == CLD_EXITED)
+    *raw_status = (info.si_status & 0xff) << 8;
+  else
+    *raw_status = (info.si_status & 0x7f) | (info.si_code == CLD_DUMPED ? 0x80 : 0);
+  return true;
+}
 
 Process::~Process() {
   if (pipe_id_ >= 0) close(pipe_id_);
   // A child that outlives its owner would be a leak: kill it and reap it.
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-    }
+  if (pid_ > 0 && ChildUnreaped(false)) {
+    KillChild();
+    int status;
+    ReapChild(&status);
   }
+  if (pidfd_ >= 0) close(pidfd_);
 }
 
 ProcessStatus Process::Create(const std::string& command) {
@@ -30,7 +88,10 @@ ProcessStatus Process::Create(const std::string& command) {
   if (IsRunning()) return PROCESS_RUNNING;
   if (pid_ > 0) {
     // The last child ended but was never waited for: reap it rather than leave a zombie.
-    waitpid(pid_, nullptr, 0);
+    int status;
+    if (ChildUnreaped(false)) ReapChild(&status);
+    if (pidfd_ >= 0) close(pidfd_);
+    pidfd_ = -1;
     pid_ = -1;
   }
   output_string_.clear();
@@ -48,6 +109,13 @@ ProcessStatus Process::Create(const std::string& command) {
 
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return PROCESS_ERROR;
+  fds[0] = AboveStandardDescriptors(fds[0]);
+  fds[1] = AboveStandardDescriptors(fds[1]);
+  if (fds[0] < 0 || fds[1] < 0) {
+    if (fds[0] >= 0) close(fds[0]);
+    if (fds[1] >= 0) close(fds[1]);
+    return PROCESS_ERROR;
+  }
   const pid_t pid = fork();
   if (pid < 0) {
     close(fds[0]);
@@ -67,6 +135,9 @@ ProcessStatus Process::Create(const std::string& command) {
   if (pipe_id_ >= 0) close(pipe_id_);
   pipe_id_ = fds[0];
   pid_ = pid;
+  // Nobody else can have reaped the child yet unless another thread waits for any child;
+  // without pidfd support (ENOSYS) the pid alone names it.
+  pidfd_ = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   exit_code_ = -1;
   return PROCESS_SUCCESS;
 }
@@ -76,17 +147,13 @@ ProcessStatus Process::Wait(unsigned long timeout) {
   ProcessStatus result = PROCESS_SUCCESS;
   bool reached_eof = false;
   while (!reached_eof) {
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(pipe_id_, &readable);
-    struct timeval limit;
-    struct timeval* limit_ptr = nullptr;
-    if (timeout != 0) {
-      limit.tv_sec = static_cast<time_t>(timeout / 1000);
-      limit.tv_usec = static_cast<suseconds_t>((timeout % 1000) * 1000);
-      limit_ptr = &limit;
-    }
-    const int ready = select(pipe_id_ + 1, &readable, nullptr, nullptr, limit_ptr);
+    // poll, not select: select's fixed-size set cannot hold a descriptor of 1024 or more.
+    struct pollfd readable = {pipe_id_, POLLIN, 0};
+    const int limit = timeout == 0 ? -1
+                      : timeout > static_cast<unsigned long>(INT_MAX)
+                          ? INT_MAX
+                          : static_cast<int>(timeout);
+    const int ready = poll(&readable, 1, limit);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) {
       result = ready < 0 ? PROCESS_ERROR : PROCESS_TIMEOUT;
@@ -110,16 +177,12 @@ ProcessStatus Process::Wait(unsigned long timeout) {
 
   close(pipe_id_);
   pipe_id_ = -1;
-  if (!reached_eof && kill(pid_, SIGKILL) != 0) result = PROCESS_ERROR;
+  if (!reached_eof && (!ChildUnreaped(false) || KillChild() != 0)) result = PROCESS_ERROR;
 
   int status = 0;
-  pid_t reaped;
-  do {
-    reaped = waitpid(pid_, &status, 0);
-  } while (reaped < 0 && errno == EINTR);
-  if (reaped < 0 || (status != 0 && status != SIGKILL)) result = PROCESS_ERROR;
-  if (reaped > 0 && WIFEXITED(status)) exit_code_ = WEXITSTATUS(status);
-  pid_ = -1;
+  const bool reaped = ReapChild(&status);
+  if (!reaped || (status != 0 && status != SIGKILL)) result = PROCESS_ERROR;
+  if (reaped && WIFEXITED(status)) exit_code_ = WEXITSTATUS(status);
   return result;
 }
 
@@ -130,17 +193,13 @@ ProcessStatus Process::Execute(const std::string& command, unsigned long timeout
 }
 
 void Process::Kill() {
-  if (IsRunning()) kill(pid_, SIGKILL);
+  if (IsRunning()) KillChild();
 }
 
 bool Process::IsRunning() {
   if (pid_ < 1) return false;
   // Peek without reaping, so that Wait still gets the exit status.
-  siginfo_t info;
-  memset(&info, 0, sizeof(info));
-  if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0)
-    return false;
-  return info.si_pid == 0;
+  return ChildUnreaped(true);
 }
 
 }  // namespace utils

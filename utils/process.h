@@ -39,10 +39,18 @@ class Process {
   int GetExitCode() const { return exit_code_; }
 
  private:
+  // Whether the child is still ours to signal and reap (not reaped by anybody); with
+  // running_only, whether it has not ended either.
+  bool ChildUnreaped(bool running_only);
+  int KillChild();
+  // Reaps the child, storing a waitpid-style status word; forgets the child in any case.
+  bool ReapChild(int* raw_status);
+
   int pid_ = -1;
   int pipe_id_ = -1;
   std::string output_string_;
   int exit_code_ = -1;
+  int pidfd_ = -1;  // names exactly the child started, where the kernel supports it
 };
 
 }  // namespace utils

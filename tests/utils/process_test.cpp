@@ -1,10 +1,15 @@
 // The child process runner, driven against a helper program with scripted behaviour.
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -142,6 +147,93 @@ TEST(Process, TheChildInheritsNoStrayDescriptors) {
   // now being the pipe), plus the directory that ls itself opens to list.
   const int stdout_stderr_if_closed = (fcntl(1, F_GETFD) < 0) + (fcntl(2, F_GETFD) < 0);
   EXPECT_EQ(listed, inheritable + stdout_stderr_if_closed + 1) << process.GetOutputString();
+}
+
+TEST(Process, WorksWithDescriptorsAbove1024) {
+  struct rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const struct rlimit saved = limit;
+  if (limit.rlim_cur < 1100) {
+    if (limit.rlim_max < 1100) GTEST_SKIP() << "cannot open 1100 descriptors here";
+    limit.rlim_cur = 1100;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  }
+  // Fill the table so that the pipe lands above what a select set can hold.
+  std::vector<int> fillers;
+  for (int fd = 0; fd >= 0 && fd < 1030;) {
+    fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) fillers.push_back(fd);
+  }
+  Process process;
+  const utils::ProcessStatus status = process.Execute(kHelper + " emit 20", 2000);
+  const std::string output = process.GetOutputString();
+  for (int fd : fillers) close(fd);
+  setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_EQ(status, utils::PROCESS_SUCCESS);
+  EXPECT_EQ(output, "01234567890123456789");
+}
+
+// A daemon may run with its standard input and output closed; the pipe then comes back as
+// descriptors 0 and 1, which must neither confuse the child's output nor Wait.
+TEST(Process, WorksWithTheStandardDescriptorsClosed) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    Process process;
+    if (process.Execute(kHelper + " emit 12", 2000) != utils::PROCESS_SUCCESS) _exit(1);
+    if (process.GetOutputString() != "012345678901") _exit(2);
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the run failed, 2: the output was wrong";
+}
+
+// A child that somebody else reaped has given its pid back; the owner going away must not
+// kill whatever process got that pid next. A fresh PID namespace makes the reuse certain.
+TEST(Process, NeverKillsAPidThatWasReapedElsewhere) {
+  const pid_t outer = fork();
+  if (outer == 0) {
+    if (unshare(CLONE_NEWPID) != 0) _exit(77);
+    const pid_t init = fork();
+    if (init == 0) {
+      auto process = std::make_unique<Process>();
+      if (process->Create(kHelper + " sleep 20000") != utils::PROCESS_SUCCESS) _exit(10);
+      pid_t child = 0;
+      for (int pid = 2; pid < 10 && child == 0; ++pid)
+        if (kill(pid, 0) == 0) child = pid;
+      if (child == 0) _exit(11);
+      kill(child, SIGKILL);
+      if (waitpid(child, nullptr, 0) != child) _exit(12);
+      // The next pid handed out is the one just freed.
+      FILE* last = fopen("/proc/sys/kernel/ns_last_pid", "w");
+      if (last == nullptr) _exit(77);
+      fprintf(last, "%d", child - 1);
+      if (fclose(last) != 0) _exit(77);
+      const pid_t victim = fork();
+      if (victim == 0) {
+        pause();
+        _exit(0);
+      }
+      if (victim != child) _exit(77);
+      process.reset();
+      int status = 0;
+      const pid_t reaped = waitpid(victim, &status, WNOHANG);
+      kill(victim, SIGKILL);
+      waitpid(victim, nullptr, 0);
+      _exit(reaped == 0 ? 0 : 13);
+    }
+    int status = 0;
+    if (init < 0 || waitpid(init, &status, 0) != init || !WIFEXITED(status)) _exit(14);
+    _exit(WEXITSTATUS(status));
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(outer, &status, 0), outer);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "needs root for a PID namespace";
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "13: the process that reused the pid was killed";
 }
 
 }  // namespace
