@@ -167,8 +167,12 @@ vdxStatus dmkfdGetVmidPasid(uint32_t node, uint32_t vmid, uint32_t* pasid) {
 vdxStatus dmkfdReadRegister(uint32_t node, long reg, uint32_t* value) {
   LOG_DEBUG("[%s] Node:%d\n", __func__, node);
   if (!MkfdInterface::IsAcquire()) return VDX_STATUS_ERROR_NOT_INITIALIZED;
-  // The member takes the value by reference: a null pointer must stop here.
-  if (value == nullptr) return VDX_STATUS_INVALID_ARGUMENTS;
+  // The member takes the value by reference, so a null pointer must stop here; still the
+  // connection is judged first, as every command does.
+  if (value == nullptr) {
+    if (Mkfd().OpenCount() < 1) return VDX_STATUS_MKFD_NOT_OPENED;
+    return VDX_STATUS_INVALID_ARGUMENTS;
+  }
   return Mkfd().ReadRegister(node, reg, *value);
 }
 

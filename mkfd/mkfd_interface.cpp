@@ -58,14 +58,20 @@ vdxStatus MkfdInterface::OpenMkfd() {
   const int fd = open(kMkfdDevice, O_RDWR | O_CLOEXEC);
   if (fd < 0) return VDX_STATUS_OPEN_MKFD_FAILED;
   mkfd_fd = fd;
-  mkfd_count = 1;
-  // Without nodes the device stays open: the caller still closes it.
-  return GetSysNodeCount();
+  const vdxStatus scanned = GetSysNodeCount();
+  // Commands on other threads read the node map as soon as they see the count: publish it
+  // only once the map is complete. Whatever the scan said, the device is open now and the
+  // caller closes it once.
+  mkfd_count.store(1, std::memory_order_release);
+  return scanned;
 }
 
 vdxStatus MkfdInterface::CloseMkfd() {
   if (mkfd_count < 1) return VDX_STATUS_MKFD_NOT_OPENED;
   std::lock_guard<std::mutex> lock(mkfd_mutex);
+  // Another thread's close may have come first since the test above: look again under the
+  // lock, or surplus closes would drive the count below zero.
+  if (mkfd_count < 1) return VDX_STATUS_MKFD_NOT_OPENED;
   if (mkfd_count-- != 1) return VDX_STATUS_SUCCESS;
   // Descriptor 0 is never ours to close: it would be standard input in a process that
   // had closed it before opening the device.

@@ -3,7 +3,9 @@
 //
 // Locks: mkfd_init_mutex (file-static) serialises Acquire and Release; mkfd_mutex serialises
 // OpenMkfd and CloseMkfd, and the topology scan runs under it. Commands take no lock: the
-// driver serialises them, and the node map is only written while the device is being opened.
+// driver serialises them, and the node map is written only by the scan, before the open
+// count is published; a command that sees the device open therefore sees the whole map.
+// Closing and reopening while another thread is inside a command is the caller's race.
 #ifndef ZOVDX_MKFD_MKFD_INTERFACE_H_
 #define ZOVDX_MKFD_MKFD_INTERFACE_H_
 
@@ -99,7 +101,8 @@ class MkfdInterface {
   bool NodeToGpuId(uint32_t node, uint32_t* gpuId);
 
   int mkfd_fd = -1;
-  // Read without the lock by every command: atomic, and set after mkfd_fd is stored.
+  // Read without the lock by every command: atomic, stored after mkfd_fd and the node map,
+  // and never below 0.
   std::atomic<int> mkfd_count{0};
   int ref_count_ = 0;
   std::mutex mkfd_mutex;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -400,8 +401,10 @@ TEST(DriverConnection, OpenCloseCountingLeavesNoDescriptor) {
   CaptureStdout();
   EXPECT_EQ(dmkfdOpenMkfd(), VDX_STATUS_MKFD_ALREADY_OPENED);
   const std::string out = GetCapturedStdout();
-  EXPECT_EQ(out.find("mkfd has already openned.\n"), out.rfind("mkfd has already openned.\n"));
-  EXPECT_NE(out.find("\033[31mWarning\033[0m: ["), std::string::npos) << out;
+  // Exactly one warning line, and it is this one.
+  EXPECT_EQ(out.rfind("\033[31mWarning\033[0m: [", 0), 0u) << out;
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+  EXPECT_NE(out.find("] mkfd has already openned.\n"), std::string::npos) << out;
   EXPECT_EQ(mkfd_test::CountOpenDescriptors(), open_descriptors);
   EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
   EXPECT_EQ(mkfd_test::CountOpenDescriptors(), open_descriptors);

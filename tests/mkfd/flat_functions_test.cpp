@@ -114,6 +114,13 @@ TEST_F(FlatFunctions, CommandsBeforeOpenReportNotOpened) {
   }
   EXPECT_EQ(dmkfdGetNodeGpuId(0, &g_u32), VDX_STATUS_MKFD_NOT_OPENED);
   EXPECT_EQ(dmkfdGetNodeByGpuId(1, &g_u32), VDX_STATUS_MKFD_NOT_OPENED);
+  // The connection is judged before the arguments, missing outputs included.
+  EXPECT_EQ(dmkfdReadRegister(0, 0x10, nullptr), VDX_STATUS_MKFD_NOT_OPENED);
+  EXPECT_EQ(dmkfdQueryVdevInfo(0, 0, nullptr), VDX_STATUS_MKFD_NOT_OPENED);
+  EXPECT_EQ(dmkfdGetAvailableMem(0, nullptr), VDX_STATUS_MKFD_NOT_OPENED);
+  EXPECT_EQ(dmkfdConnectZouds(nullptr), VDX_STATUS_MKFD_NOT_OPENED);
+  EXPECT_EQ(dmkfdGetBusyCUInfo(0, nullptr, 0), VDX_STATUS_MKFD_NOT_OPENED);
+  EXPECT_EQ(dmkfdGetBusyCodec(0, true, nullptr, nullptr), VDX_STATUS_MKFD_NOT_OPENED);
   // The sysfs reader knows no nodes before the first open.
   EXPECT_EQ(dmkfdGetNodeProperties(0, &g_props), VDX_STATUS_INVALID_ARGUMENTS);
 }
