@@ -32,7 +32,29 @@ constexpr NameRow kNameTable[] = {
     {0x7320, true, 0, "ZO ZX-900 Max"},
 };
 
+// A device id is in a family when (id & mask) == value.
+struct FamilyPattern {
+  uint32_t mask;
+  uint32_t value;
+};
+
+constexpr FamilyPattern kSupportedFamilies[] = {
+    {0xf0ff, 0x5010},  // 0x5010, 0x5110 ... 0x5f10
+    {0xf0ff, 0x5020},  // 0x5020, 0x5120 ... 0x5f20
+    {0xfff0, 0x6200},  // 0x6200 ... 0x620f
+    {0xff0f, 0x7100},  // 0x7100, 0x7110 ... 0x71f0
+    {0xff0f, 0x7300},  // 0x7300, 0x7310 ... 0x73f0
+};
+
 }  // namespace
+
+bool IsSupportedAccelerator(uint32_t vendorId, uint32_t deviceId) {
+  if (!IsAcceptedVendor(vendorId)) return false;
+  for (const FamilyPattern& family : kSupportedFamilies) {
+    if ((deviceId & family.mask) == family.value) return true;
+  }
+  return false;
+}
 
 bool IsAcceptedVendor(uint32_t vendorId) {
   return vendorId == kVendorIdOwn || vendorId == kVendorIdShared;
