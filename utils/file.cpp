@@ -94,6 +94,11 @@ bool ForEachLine(const std::string& path,
                  const std::function<bool(const std::string&)>& visit) {
   utils::FileHandle file(fopen(path.c_str(), "re"));
   if (!file) return false;
+  ForEachLine(file.get(), visit);
+  return true;
+}
+
+void ForEachLine(FILE* file, const std::function<bool(const std::string&)>& visit) {
   // getline mallocs and reallocs the buffer; whatever pointer it left is freed on every way
   // out, a throwing visitor included.
   struct LineBuffer {
@@ -103,12 +108,11 @@ bool ForEachLine(const std::string& path,
   } buffer;
   ssize_t length;
   std::string line;
-  while ((length = getline(&buffer.data, &buffer.capacity, file.get())) >= 0) {
+  while ((length = getline(&buffer.data, &buffer.capacity, file)) >= 0) {
     line.assign(buffer.data, static_cast<size_t>(length));
     if (!line.empty() && line.back() == '\n') line.pop_back();
     if (!visit(line)) break;
   }
-  return true;
 }
 
 bool ForEachDirectoryEntry(const std::string& directory,

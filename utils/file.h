@@ -6,6 +6,7 @@
 #include <fcntl.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -30,6 +31,8 @@ bool WriteTextFile(const std::string& directory, const std::string& fileName,
 // Calls visit with each line of path (without its line end) until visit returns false.
 // False when the file cannot be opened. The descriptor is close-on-exec.
 bool ForEachLine(const std::string& path, const std::function<bool(const std::string&)>& visit);
+// The same over a stream the caller opened (and still owns).
+void ForEachLine(FILE* file, const std::function<bool(const std::string&)>& visit);
 
 // Appends every entry name but "." and ".." to names, in directory order.
 bool GetFileNamesInDirectory(const std::string& directory, std::vector<std::string>& names);

@@ -1,0 +1,328 @@
+// The virtual device configuration files: the reader of one file, the loaders that keep
+// virtual_device_lists, vdev_bitmap and virtual_mtime in step with /etc/vdev, and the
+// per-device summary of the bound virtual devices. Callers hold virtual_device_lock
+// exclusively (iMergeVirtualDevice: bind_vdev_lock), and the file lock where a read must
+// agree with a writer in another process.
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "utils/file.h"
+#include "utils/logger.h"
+#include "utils/scoped.h"
+#include "utils/utils.h"
+#include "virtual/dmvirtual_labels.h"
+#include "virtual/include/dmvirtual.h"
+
+std::string VdevFileName(int vdev_id) { return "vdev" + std::to_string(vdev_id) + ".conf"; }
+
+uint32_t PresentVdevIds(const std::string& dir) {
+  uint32_t present = 0;
+  ForEachDirectoryEntry(dir, [&present](const char* name) {
+    // Exactly the names VdevFileName makes: no sign, no leading zero, ids 0 to 31.
+    const size_t length = strlen(name);
+    if (length < 10 || length > 11 || strncmp(name, "vdev", 4) != 0 ||
+        strcmp(name + length - 5, ".conf") != 0)
+      return true;
+    const char* digits = name + 4;
+    const size_t count = length - 9;
+    if (!isdigit(static_cast<unsigned char>(digits[0])) ||
+        (count == 2 && (digits[0] == '0' || !isdigit(static_cast<unsigned char>(digits[1])))))
+      return true;
+    const int id = count == 1 ? digits[0] - '0' : (digits[0] - '0') * 10 + (digits[1] - '0');
+    if (id < kMaxVirtualDevices) present |= IdBit(id);
+    return true;
+  });
+  return present;
+}
+
+namespace {
+
+// Numbers in the files may be written in any base strtoull knows ("0x" hexadecimal, leading
+// zero octal); the fields are ints.
+uint64_t ParseNumber(const std::string& text) { return strtoull(text.c_str(), nullptr, 0); }
+int ParseInt(const std::string& text) { return static_cast<int>(ParseNumber(text)); }
+
+}  // namespace
+
+vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
+                                       virtual_device_info* info) {
+  const std::string path = dir + "/" + file;
+  if (!IsDirectoryExist(dir) || !IsFileExist(path)) return VDX_STATUS_VDEV_NOT_EXIST;
+  utils::FileHandle stream(fopen(path.c_str(), "re"));
+  if (!stream) {
+    LOG_DEBUG("[%s] %s: failed to open file '%s' - %s.\n", __func__, kLabelError, path.c_str(),
+              strerror(errno));
+    return VDX_STATUS_ERROR;
+  }
+
+  virtual_device_info record{};
+  bool enable = false;
+  unsigned int domain = 0, bus = 0, device = 0, function = 0;
+  int mask_lines = 0;
+  std::string error;
+  ForEachLine(stream.get(), [&](const std::string& line) {
+    // Only the first key, in this order, that the line holds anywhere counts.
+    static const char* const kOrder[] = {"PciBusId:", "cu_mask:", "cu_count:", "mem:",
+                                         "device_id:", "enable:", "vdev_id:", "pipe_id:"};
+    const char* key = nullptr;
+    for (const char* candidate : kOrder) {
+      if (line.find(candidate) != std::string::npos) {
+        key = candidate;
+        break;
+      }
+    }
+    if (key == nullptr) return true;
+    std::vector<std::string> parts;
+    SplitStr(line, " ", parts, true);
+    // A hand-edited key without its value costs this file only, never the caller.
+    if (parts.size() < 2) {
+      error += std::string("key ") + key + " without a value";
+      return true;
+    }
+    const std::string& value = parts[1];
+    if (strcmp(key, "PciBusId:") == 0) {
+      if (sscanf(value.c_str(), "%x:%x:%x.%x", &domain, &bus, &device, &function) < 4)
+        error += "invalid pci bus id format(" + value;
+    } else if (strcmp(key, "cu_mask:") == 0) {
+      // The first line is bits 0-63, the second 64-127; a third adds nothing but the error.
+      record.cuMask |= CuMaskFromWord64(ParseNumber(value), static_cast<size_t>(mask_lines));
+      ++mask_lines;
+      if (mask_lines > 2) error += "invalid cu_mask field count(" + std::to_string(mask_lines) + ")";
+    } else if (strcmp(key, "cu_count:") == 0) {
+      record.cuCount = ParseInt(value);
+    } else if (strcmp(key, "mem:") == 0) {
+      record.memLimit = ParseInt(value);  // the "MiB" token is not read
+    } else if (strcmp(key, "device_id:") == 0) {
+      record.device_id = ParseInt(value);
+    } else if (strcmp(key, "enable:") == 0) {
+      enable = ParseNumber(value) != 0;
+    } else if (strcmp(key, "vdev_id:") == 0) {
+      record.vdev_id = ParseInt(value);
+    } else {
+      record.pipe_id = ParseInt(value);
+    }
+    return true;
+  });
+  stream.reset();
+
+  if (domain == 0 && bus == 0 && device == 0 && function == 0 && error.empty())
+    error = "empty pci bus identifier";
+  if (!error.empty()) {
+    LOG_DEBUG("[%s] %s: file '%s' has been damaged, due to %s.\n", __func__, kLabelError,
+              path.c_str(), error.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  if (!enable) {
+    LOG_DEBUG("[%s] %s: virtual device disabled in configuration file %s, skip it.\n", __func__,
+              kLabelError, path.c_str());
+    return VDX_STATUS_ERROR;
+  }
+
+  // The PCI address, not the stored index, decides the physical device: files stay valid
+  // when the enumeration order of the devices changes.
+  int matched = -1;
+  for (size_t d = 0; d < device_lists.size(); ++d) {
+    const device_info& physical = device_lists[d]->Info();
+    if (physical.pciDomainID == domain && physical.pciBus == bus &&
+        physical.pciDevice == device && physical.pciFunction == function) {
+      matched = static_cast<int>(d);
+      break;
+    }
+  }
+  if (matched < 0) {
+    LOG_DEBUG("[%s] %s: no physical device matches the pci identifier(%04x:%02x:%02x.%02x) of "
+              "virtual device's configuration, skip it.\n",
+              __func__, kLabelError, domain, bus, device, function);
+    return VDX_STATUS_ERROR;
+  }
+  if (record.device_id != matched) {
+    LOG_DEBUG("[%s] %s: device id(%d) in configuration file(%s) inconsistent with pci matched "
+              "physical device(%d), override it.\n",
+              __func__, kLabelWarning, record.device_id, path.c_str(), matched);
+    record.device_id = matched;
+  }
+
+  unsigned long mtime = 0;
+  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
+    LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
+              path.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  record.mtime = static_cast<time_t>(mtime);
+  LOG_DEBUG("[%s] Get virtual device(%d)'s cuMask(0x%016lx%016lx).\n", __func__, record.vdev_id,
+            CuMaskWord64(record.cuMask, 1), CuMaskWord64(record.cuMask, 0));
+  *info = record;
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iInitVirtualDevice() {
+  virtual_device_lists.clear();
+  vdev_bitmap = 0xffffffffu;
+  if (!IsDirectoryExist(kVdevDir)) return VDX_STATUS_SUCCESS;
+  unsigned long mtime = 0;
+  if (!GetTimestamp(kVdevDir, nullptr, &mtime, nullptr)) {
+    LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
+              kVdevDir);
+    return VDX_STATUS_ERROR;
+  }
+  virtual_mtime = static_cast<time_t>(mtime);
+  // A missing, damaged, disabled or orphaned file costs only its own virtual device. One
+  // listing finds the files that are there, instead of a look-up for each of the 32 ids.
+  const uint32_t present = PresentVdevIds(kVdevDir);
+  for (int id = 0; id < kMaxVirtualDevices; ++id) {
+    if (!(present & IdBit(id))) continue;
+    virtual_device_info info;
+    if (iGetVirtualDevice(kVdevDir, VdevFileName(id), &info) != VDX_STATUS_SUCCESS) continue;
+    virtual_device_lists.push_back(info);
+    vdev_bitmap &= ~IdBit(info.vdev_id);  // the id the file holds, not its name's
+  }
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iCheckAndReinitVirtualDevice() {
+  if (!IsDirectoryExist(kVdevDir)) {
+    virtual_device_lists.clear();
+    vdev_bitmap = 0xffffffffu;
+    return VDX_STATUS_SUCCESS;
+  }
+  unsigned long mtime = 0;
+  if (!GetTimestamp(kVdevDir, nullptr, &mtime, nullptr)) {
+    LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
+              kVdevDir);
+    return VDX_STATUS_ERROR;
+  }
+  // Files created, removed or replaced move the directory's time stamp; a file rewritten in
+  // place is caught per device by iRefreshVirtualDeviceInfo.
+  if (virtual_mtime >= static_cast<time_t>(mtime)) {
+    LOG_DEBUG("[%s] The virtual configuration path is updated.\n", __func__);
+    return VDX_STATUS_SUCCESS;
+  }
+  LOG_DEBUG("[%s] The virtual configuration path is out-of-date, re-initialize virtual "
+            "devices.\n",
+            __func__);
+  if (iInitVirtualDevice() != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: failed to re-initialize virtual devices from file system.\n", __func__,
+              kLabelError);
+    return VDX_STATUS_ERROR;
+  }
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iLoadVirtualDeviceInfo(int vdev_id) {
+  LOG_DEBUG("[%s] Loading configuration of virtual device(%d) from file system.\n", __func__,
+            vdev_id);
+  virtual_device_info info;
+  const vdxStatus status = iGetVirtualDevice(kVdevDir, VdevFileName(vdev_id), &info);
+  if (status != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: failed to load configuration of virtual device(%d) from file system.\n",
+              __func__, kLabelError, vdev_id);
+    return status;
+  }
+  virtual_device_lists.push_back(info);
+  vdev_bitmap &= ~IdBit(info.vdev_id);
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iRefreshVirtualDeviceInfo(int vdev_id) {
+  const std::string path = std::string(kVdevDir) + "/" + VdevFileName(vdev_id);
+  unsigned long mtime = 0;
+  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
+    LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
+              path.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  virtual_device_info* stored = nullptr;
+  for (virtual_device_info& vdev : virtual_device_lists) {
+    if (vdev.vdev_id == vdev_id) {
+      stored = &vdev;
+      break;
+    }
+  }
+  if (stored == nullptr) {
+    LOG_DEBUG("[%s] %s: the virtual device(%d) not exist in memory space.\n", __func__,
+              kLabelError, vdev_id);
+    return VDX_STATUS_VDEV_NOT_EXIST;
+  }
+  if (stored->mtime >= static_cast<time_t>(mtime)) {
+    LOG_DEBUG("[%s] The configuration of virtual device(%d) is up-to-date.\n", __func__, vdev_id);
+    return VDX_STATUS_SUCCESS;
+  }
+  virtual_device_info info;
+  const vdxStatus status = iGetVirtualDevice(kVdevDir, VdevFileName(vdev_id), &info);
+  if (status != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: failed to get configuration of virtual device(%d).\n", __func__,
+              kLabelError, vdev_id);
+    return status;
+  }
+  *stored = info;
+  LOG_DEBUG("[%s] The configuration of virtual device(%d) has been refreshed.\n", __func__,
+            vdev_id);
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iCheckAndGetVirtualDeviceInfo(int vdev_id, virtual_device_info* info) {
+  if (!IsFileExist(std::string(kVdevDir) + "/" + VdevFileName(vdev_id))) {
+    LOG_DEBUG("[%s] The configuration file of virtual device(%d) not exist.\n", __func__,
+              vdev_id);
+    iReleaseVirtualDevice(vdev_id);
+    return VDX_STATUS_VDEV_NOT_EXIST;
+  }
+  // The bitmap, not a search of the list, says whether the id is loaded.
+  if (vdev_bitmap & IdBit(vdev_id)) {
+    if (iLoadVirtualDeviceInfo(vdev_id) != VDX_STATUS_SUCCESS) {
+      LOG_DEBUG("[%s] %s: failed to load the configuration of virtual device(%d).\n", __func__,
+                kLabelError, vdev_id);
+      return VDX_STATUS_ERROR;
+    }
+  } else if (iRefreshVirtualDeviceInfo(vdev_id) != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: failed to refresh the configuration of virtual device(%d).\n", __func__,
+              kLabelError, vdev_id);
+    return VDX_STATUS_ERROR;
+  }
+  if (iGetVirtualDeviceById(vdev_id, info) != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: failed to get the configuration of virtual device(%d).\n", __func__,
+              kLabelError, vdev_id);
+    return VDX_STATUS_ERROR;
+  }
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iMergeVirtualDevice(virtual_device_info* out, int out_size, int* out_count) {
+  int count = 0;
+  for (size_t d = 0; d < device_lists.size(); ++d) {
+    bool matched = false;
+    int units = 0, memory = 0;
+    uint32_t ids = 0, pipes = 0;
+    for (const virtual_device_info& bound : bind_vdev_lists) {
+      if (bound.device_id != static_cast<int>(d)) continue;
+      matched = true;
+      units += bound.cuCount;
+      memory += bound.memLimit;
+      ids |= IdBit(bound.vdev_id);
+      pipes |= IdBit(bound.pipe_id);
+    }
+    if (!matched) continue;
+    if (out != nullptr && count < out_size) {
+      // In this summary the two id fields carry sets: the bound ids and their pipes.
+      virtual_device_info& entry = out[count];
+      entry = virtual_device_info{};
+      entry.cuCount = units;
+      entry.memLimit = memory;
+      entry.device_id = static_cast<int>(d);
+      entry.vdev_id = static_cast<int>(ids);
+      entry.pipe_id = static_cast<int>(pipes);
+    }
+    ++count;
+  }
+  if (out_count != nullptr) *out_count = count;
+  if (count > kMaxPhysicalDevices) {
+    LOG_DEBUG("[%s] %s: device count(%d), max support physical device(%d).\n", __func__,
+              kLabelWarning, count, kMaxPhysicalDevices);
+  }
+  return VDX_STATUS_SUCCESS;
+}

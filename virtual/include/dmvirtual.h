@@ -1,0 +1,189 @@
+// Dmvirtual: the process-wide device manager behind the exported functions. It owns the
+// picture of the machine: the supported physical devices, the virtual devices configured in
+// /etc/vdev, the driver's container groups, the virtual devices this process is bound to, and
+// the driver instances this process created (destroyed again at its exit).
+//
+// Locks, always taken in this order: the exported functions' gate mutex, then
+// virtual_device_lock (guards virtual_device_lists, vdev_bitmap, virtual_mtime), then
+// bind_vdev_lock (guards bind_vdev_lists), then the inter-process file lock on kVdevLockFile.
+// Methods whose name starts with "i" expect their caller to hold what their comment says.
+// Every message of the manager is written at debug level.
+//
+// The methods are defined by concern: dmvirtual.cpp (start-up and lifetime),
+// dmvirtual_config.cpp (configuration files), dmvirtual_bind.cpp (process binding),
+// dmvirtual_encrypt.cpp (encryption flag).
+#ifndef ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
+#define ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <shared_mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/env_check.h"
+#include "mkfd/include/dmkfd.h"
+#include "virtual/cu_mask.h"
+#include "zovdx/vdx.h"
+
+// Where the configuration lives; the container's own files are under kVdevDockerDir.
+inline constexpr char kVdevDir[] = "/etc/vdev";
+inline constexpr char kVdevDockerDir[] = "/etc/vdev/docker";
+inline constexpr char kVdevLockFile[] = "/tmp/.vdx_virtual.lock";
+inline constexpr char kSysfsGroupDir[] = "/sys/devices/virtual/kfd/kfd/group";
+
+inline constexpr int kMaxVirtualDevices = 32;       // ids 0..31, host-wide
+inline constexpr int kMaxVdevsPerDevice = 4;        // one per pipe
+inline constexpr int kMaxPhysicalDevices = 8;
+
+// The file name of a virtual device id: "vdev<id>.conf".
+std::string VdevFileName(int vdev_id);
+// The set of ids 0..31 whose file is present in dir (bit i: VdevFileName(i) exists), from
+// one listing of the directory; 0 when it cannot be listed.
+uint32_t PresentVdevIds(const std::string& dir);
+
+// One physical device, as the driver topology describes it.
+typedef struct _device_info {
+  uint32_t pciDomainID;
+  uint32_t pciBus;
+  uint32_t pciDevice;
+  uint32_t pciFunction;
+  uint32_t simdCount;
+  uint32_t simdPerCu;
+  uint32_t vendorId;
+  uint32_t deviceId;
+  uint32_t cuNum;  // simdCount / simdPerCu
+  uint32_t wavePerSimd;
+  uint64_t globalMemSize;  // bytes
+  char name[256];
+} device_info;
+
+class Device {
+ public:
+  explicit Device(const device_info& info) : _info(info) {}
+  const device_info& Info() const { return _info; }
+
+ private:
+  device_info _info;
+};
+
+// One virtual device, as read from its configuration file.
+typedef struct _virtual_device_info {
+  cu_mask_t cuMask;
+  int cuCount;   // 0: a unit-sharing virtual device
+  int memLimit;  // MiB
+  int device_id;
+  int vdev_id;
+  int pipe_id;
+  time_t mtime;  // of the file it was read from
+} virtual_device_info;
+
+// One container group that the driver reports in sysfs.
+typedef struct _sys_group_info {
+  uint64_t container_id;
+  uint64_t group_id;  // bit n: virtual device n belongs to the group
+} sys_group_info;
+
+class Dmvirtual {
+ public:
+  static constexpr size_t cu_mask_field_size = 64;
+
+  ~Dmvirtual();
+  // Builds an empty manager; the library's one manager is Instance().
+  Dmvirtual();
+  Dmvirtual(const Dmvirtual&) = delete;
+  Dmvirtual& operator=(const Dmvirtual&) = delete;
+
+  static Dmvirtual& Instance();
+  // The one-time start-up; the exported functions' gate calls it once per process.
+  vdxStatus Init();
+  vdxStatus SetLogLevel(std::string log_level);
+  vdxStatus GetMaxVirtualDeviceCountSupport(int* count);
+  vdxStatus GetVirualDeviceCount(int* count);
+  vdxStatus GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info);
+  vdxStatus GetDeviceInfo(int index, vdxDeviceInfo* info);
+  vdxStatus GetDeviceRemainingInfo(int device_id, uint64_t* remaining_cus,
+                                   uint64_t* remaining_mem);
+  vdxStatus GetDeviceCount(int* count);
+  vdxStatus CreateProcessGroup(virtual_device_info* vdevs, int count);
+  vdxStatus DestroyProcessGroup();
+  vdxStatus InitDevice(vdxDeviceInfo* infos, int capacity, int* count);
+  vdxStatus CreateVirtualDevices(int device_id, int count, int* cu_config, int* mem_config);
+  vdxStatus DestroyVirtualDevices(int device_id);
+  vdxStatus DestroyVirtualDevice(int vdev_id);
+  vdxStatus UpdateVirtualDevice(int vdev_id, int cu, int mem);
+  vdxStatus StartVirtualDevice(int* vdev_ids, int count);
+  vdxStatus StopVirtualDevice(int* vdev_ids, int count);
+  vdxStatus GetDevBusyPercent(int index, int* percent);
+  vdxStatus GetVDevBusyPercent(int vdev_id, int* percent);
+  // Use none of the manager's state: callable without Init and without any lock.
+  vdxStatus SetEncryptedVMStatus(bool status);
+  vdxStatus GetEncryptedVMStatus(bool* status);
+  bool IsDockerVirtualEnv();
+
+ private:
+  friend class DmvirtualPeer;  // tests look inside
+
+  // Process binding. iGetRunVirtualDevice, iSetRunVirtualDevice and iReleaseRunVirtualDevice:
+  // caller holds bind_vdev_lock exclusively (and virtual_device_lock before it).
+  vdxStatus iInitSysGroup();
+  vdxStatus iSysGetGroupInfo(std::string path, sys_group_info* info);
+  vdxStatus iSetVisiableDevice(virtual_device_info* vdevs, int count);
+  vdxStatus iSetRunVirtualDevice(uint32_t mask);
+  vdxStatus iGetRunVirtualDevice();
+  vdxStatus iReleaseRunVirtualDevice();
+  vdxStatus iRunProcessGroupMode(virtual_device_info* vdevs, int count);
+  vdxStatus iRunProcessVdevMode();
+  // Driver instances; caller holds virtual_device_lock.
+  vdxStatus iCreateVdev(int vdev_id);
+  vdxStatus iDestroyVdev(int vdev_id);
+  // Configuration files; caller holds virtual_device_lock exclusively (the file lock too
+  // where the read must agree with a writer in another process).
+  vdxStatus iInitVirtualDevice();
+  vdxStatus iCheckAndReinitVirtualDevice();
+  vdxStatus iReleaseVirtualDevice(int vdev_id);
+  vdxStatus iGetVirtualDevice(std::string dir, std::string file, virtual_device_info* info);
+  vdxStatus iLoadVirtualDeviceInfo(int vdev_id);
+  vdxStatus iRefreshVirtualDeviceInfo(int vdev_id);
+  vdxStatus iCheckAndGetVirtualDeviceInfo(int vdev_id, virtual_device_info* info);
+  // Caller holds virtual_device_lock: shared for the get, exclusive for the set.
+  vdxStatus iGetVirtualDeviceById(int vdev_id, virtual_device_info* info);
+  vdxStatus iSetVirtualDeviceById(int vdev_id, virtual_device_info* info);
+  // Caller holds bind_vdev_lock.
+  vdxStatus iMergeVirtualDevice(virtual_device_info* out, int out_size, int* out_count);
+  // Accounting and creation; caller holds virtual_device_lock.
+  vdxStatus iGetActiveVdevCountFromSys(int* count);
+  vdxStatus iAllocateVdevId(int* vdev_id);
+  vdxStatus iGetDevResources(int device_id, int* remaining_cus, int* remaining_mem,
+                             cu_mask_t* free_mask, uint32_t* free_pipes);
+  vdxStatus iGenerateVirtualDevicesConfig(int device_id, int count, int* cu_config,
+                                          int* mem_config, std::vector<int>& cus,
+                                          std::vector<int>& mems, cu_mask_t& free_mask,
+                                          uint32_t& free_pipes);
+  vdxStatus iCreateVirtualDevices(int device_id, int count, std::vector<int>& cus,
+                                  std::vector<int>& mems, cu_mask_t& free_mask,
+                                  uint32_t& free_pipes);
+  vdxStatus iDestroyVirtualDevice(int vdev_id);
+  vdxStatus iUpdateVirtualDevice(int vdev_id, int cu, int mem);
+
+  std::vector<Device*> device_lists;  // owned; index = device id
+  uint64_t docker_id = 0;
+  std::vector<sys_group_info> group_lists;
+  std::vector<virtual_device_info> virtual_device_lists;
+  std::shared_mutex virtual_device_lock;
+  uint32_t vdev_bitmap = 0;  // bit i set: id i is free
+  std::vector<virtual_device_info> bind_vdev_lists;
+  std::shared_mutex bind_vdev_lock;
+  std::list<std::pair<int, int>> created_vxcus;  // (device id, pipe id) made here
+  dmRunMode mode = DM_PROCESS_NONE_MODE;
+  SystemMode system_mode = SYSTEM_MODE_NONE;
+  bool is_docker_virtual_env = false;
+  pid_t dmvirtual_pid = -1;
+  time_t virtual_mtime = 0;
+};
+
+#endif  // ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
