@@ -1,18 +1,96 @@
 // The exported functions: the gates in front of the device manager.
+//
+// A fully gated function starts the manager once per process (the first call does the whole
+// start-up; concurrent first callers wait for it), returns the remembered start-up status
+// when that failed (never retried), and otherwise calls one manager method under the
+// process-wide gate mutex. The encryption pair reaches the manager without start-up and
+// without the mutex. No exception leaves these functions: one that escapes a manager method
+// is reported as VDX_STATUS_INTERNAL_EXCEPTION.
 #include <cstring>
+#include <exception>
+#include <mutex>
+#include <string>
 
 #include "utils/logger.h"
+#include "virtual/dmvirtual_labels.h"
+#include "virtual/include/dmvirtual.h"
 #include "zovdx/vdx.h"
 
-extern "C" vdxStatus vdxInitDevice(vdxDeviceInfo* device_info) {
+namespace {
+
+std::once_flag gvdxInitialized;
+vdxStatus gDmvirtualInitStatus = VDX_STATUS_SUCCESS;
+std::mutex gvdxlock;
+
+void vdxInit() {
+  // A start-up that throws (a container id that is not hexadecimal, a malformed group entry
+  // of the driver) fails like any other start-up, and is remembered like one.
+  try {
+    gDmvirtualInitStatus = Dmvirtual::Instance().Init();
+  } catch (const std::exception& e) {
+    gDmvirtualInitStatus = VDX_STATUS_INTERNAL_EXCEPTION;
+    try {
+      LOG_DEBUG("[%s] %s: failed to initialize virtual singleton. Due to %s\n", __func__,
+                kLabelError, e.what());
+    } catch (...) {
+    }
+  } catch (...) {
+    gDmvirtualInitStatus = VDX_STATUS_INTERNAL_EXCEPTION;
+  }
+}
+
+template <typename Method>
+vdxStatus FullGate(Method method) {
+  try {
+    std::call_once(gvdxInitialized, vdxInit);
+    if (gDmvirtualInitStatus != VDX_STATUS_SUCCESS) return gDmvirtualInitStatus;
+    std::lock_guard<std::mutex> lock(gvdxlock);
+    return method(Dmvirtual::Instance());
+  } catch (...) {
+    return VDX_STATUS_INTERNAL_EXCEPTION;
+  }
+}
+
+template <typename Method>
+vdxStatus InstanceGate(Method method) {
+  try {
+    return method(Dmvirtual::Instance());
+  } catch (...) {
+    return VDX_STATUS_INTERNAL_EXCEPTION;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+vdxStatus vdxGetMaxVDeviceCount(int* count) {
+  return FullGate([&](Dmvirtual& dm) { return dm.GetMaxVirtualDeviceCountSupport(count); });
+}
+
+vdxStatus vdxSetLogLevel(const char* log_level) {
+  return FullGate([&](Dmvirtual& dm) { return dm.SetLogLevel(std::string(log_level)); });
+}
+
+vdxStatus vdxSetEncryptionVMStatus(bool status) {
+  return InstanceGate([&](Dmvirtual& dm) { return dm.SetEncryptedVMStatus(status); });
+}
+
+vdxStatus vdxGetEncryptionVMStatus(bool* status) {
+  return InstanceGate([&](Dmvirtual& dm) { return dm.GetEncryptedVMStatus(status); });
+}
+
+vdxStatus vdxInitDevice(vdxDeviceInfo* device_info) {
   // A debug line that cannot be written (no memory, a broken lock) is no reason to let an
   // exception into a C caller.
   try {
     LOG_DEBUG("[%s] %s: this api has been deprecated, there's no need to invoked this interface "
               "while using virtual gpus.\n",
-              __func__, "\033[33mInfo\033[0m");
+              __func__, kLabelInfo);
   } catch (...) {
   }
   if (device_info != nullptr) std::memset(device_info, 0, sizeof(*device_info));
   return VDX_STATUS_SUCCESS;
 }
+
+}  // extern "C"
