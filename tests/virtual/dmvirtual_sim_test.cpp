@@ -1,0 +1,248 @@
+// The started manager inside the simulator, looked at from inside: the devices read from the
+// topology, the configuration reloaded after another process's change, the driver's groups
+// read from sysfs, and the run modes made real in the driver. One sandbox per test case.
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <ctime>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "mkfd/include/dmkfd.h"
+#include "sim/ctl_client.h"
+#include "tests/virtual/dmvirtual_peer.h"
+#include "tests/virtual/e2e_support.h"
+#include "zovdx/vdx.h"
+
+namespace {
+
+using e2e::Has;
+using e2e::VdevFile;
+using e2e::WriteVdev;
+
+std::string Dump() {
+  std::string out;
+  EXPECT_EQ(vdxsim::SimControl({"dump"}, &out), 0);
+  return out;
+}
+
+// Starts the manager (the first gated call) and returns it.
+Dmvirtual& Started() {
+  EXPECT_EQ(vdxGetMaxVDeviceCount(nullptr), VDX_STATUS_INVALID_ARGUMENTS);
+  return Dmvirtual::Instance();
+}
+
+// Moves a path's times forward, as a change one second later would.
+void Touch(const std::string& path, int seconds_ahead) {
+  struct utimbuf times;
+  times.actime = times.modtime = time(nullptr) + seconds_ahead;
+  ASSERT_EQ(utime(path.c_str(), &times), 0) << path;
+}
+
+// Runs command in another process (a shell), as another tool on the host would.
+void InAnotherProcess(const std::string& command) {
+  ASSERT_EQ(system(command.c_str()), 0) << command;
+}
+
+TEST(StartedManager, KnowsTheMachinesDevices) {
+  DmvirtualPeer peer(Started());
+  ASSERT_EQ(peer.devices().size(), 2u);
+  const device_info& first = peer.devices()[0]->Info();
+  EXPECT_EQ(first.pciBus, 3u);
+  EXPECT_EQ(first.pciDevice, 0u);
+  EXPECT_EQ(first.cuNum, 60u);
+  EXPECT_EQ(first.globalMemSize, 32768ull << 20);
+  EXPECT_STREQ(first.name, "ZO XC-100 32G");
+  const device_info& second = peer.devices()[1]->Info();
+  EXPECT_EQ(second.pciBus, 4u);
+  EXPECT_EQ(second.cuNum, 64u);
+  EXPECT_STREQ(second.name, "ZO XC-200");
+  EXPECT_EQ(peer.bitmap(), 0xffffffffu);
+  EXPECT_TRUE(peer.vdevs().empty());
+}
+
+TEST(StartedManager, TwoFilesWithOneIdBothLoad) {
+  for (int name : {3, 9}) {
+    VdevFile f;
+    f.vdev_id = 3;
+    f.pipe_id = name == 3 ? 0 : 1;
+    WriteVdev(name, f);
+  }
+  DmvirtualPeer peer(Started());
+  ASSERT_EQ(peer.vdevs().size(), 2u);
+  EXPECT_EQ(peer.vdevs()[0].vdev_id, 3);
+  EXPECT_EQ(peer.vdevs()[1].vdev_id, 3);
+  EXPECT_EQ(peer.bitmap(), ~0x8u);
+}
+
+TEST(StartedManager, SeesWhatAnotherProcessAddsChangesAndRemoves) {
+  VdevFile first;
+  WriteVdev(0, first);
+  DmvirtualPeer peer(Started());
+  ASSERT_EQ(peer.vdevs().size(), 1u);
+
+  // Unchanged directory: nothing is read again.
+  EXPECT_EQ(peer.CheckAndReinit(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(peer.vdevs().size(), 1u);
+
+  VdevFile added;
+  added.vdev_id = 5;
+  added.pipe_id = 1;
+  added.mem = 2048;
+  InAnotherProcess("printf '" + e2e::Text(added) + "' > /etc/vdev/vdev5.conf");
+  Touch("/etc/vdev", 2);
+  EXPECT_EQ(peer.CheckAndReinit(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(peer.vdevs().size(), 2u);
+  EXPECT_EQ(peer.vdevs()[1].vdev_id, 5);
+  EXPECT_EQ(peer.vdevs()[1].memLimit, 2048);
+  EXPECT_EQ(peer.bitmap(), ~0x21u);
+
+  // A file rewritten in place: the record of that id is refreshed when the file is newer.
+  added.mem = 1024;
+  InAnotherProcess("printf '" + e2e::Text(added) + "' > /etc/vdev/vdev5.conf");
+  Touch("/etc/vdev/vdev5.conf", 4);
+  virtual_device_info info{};
+  EXPECT_EQ(peer.CheckAndGet(5, &info), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(info.memLimit, 1024);
+
+  // A removed file: the id is free again and the record gone.
+  InAnotherProcess("rm /etc/vdev/vdev5.conf");
+  EXPECT_EQ(peer.CheckAndGet(5, &info), VDX_STATUS_VDEV_NOT_EXIST);
+  EXPECT_EQ(peer.vdevs().size(), 1u);
+  EXPECT_EQ(peer.bitmap(), ~0x1u);
+
+  // A directory that is gone: no virtual devices at all.
+  InAnotherProcess("rm -r /etc/vdev");
+  EXPECT_EQ(peer.CheckAndReinit(), VDX_STATUS_SUCCESS);
+  EXPECT_TRUE(peer.vdevs().empty());
+  EXPECT_EQ(peer.bitmap(), 0xffffffffu);
+}
+
+// A group made in the driver before the start-up (by another process, as a container
+// runtime would) is read from sysfs.
+TEST(StartedManager, ReadsTheDriversGroups) {
+  ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdCreateGroup(0x24, 0x1a2b3c4d5e, UINT64_MAX), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
+  // A directory whose name is not hexadecimal is not a group.
+  InAnotherProcess("mkdir -p /sys/devices/virtual/kfd/kfd/group/zz");
+
+  DmvirtualPeer peer(Started());
+  ASSERT_EQ(peer.groups().size(), 1u);
+  EXPECT_EQ(peer.groups()[0].container_id, 0x1a2b3c4d5eu);
+  EXPECT_EQ(peer.groups()[0].group_id, 0x24u);
+
+  // Each refresh keeps the known group (copied, not read again) behind as many empty
+  // records as the old list held.
+  ASSERT_EQ(peer.InitSysGroup(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(peer.groups().size(), 2u);
+  EXPECT_EQ(peer.groups()[0].container_id, 0u);
+  EXPECT_EQ(peer.groups()[1].group_id, 0x24u);
+  ASSERT_EQ(peer.InitSysGroup(), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(peer.groups().size(), 3u) << "one more per refresh, never doubling";
+}
+
+// A container's own virtual devices are made real in the driver as instances with the
+// configured units and limit, owned by the container, and the process runs on their pipes.
+TEST(RunModes, VdevModeCreatesTheBoundInstances) {
+  setenv("VDX_CONTAINER_ID", "c0ffee", 1);
+  VdevFile a;
+  a.vdev_id = 1;
+  a.pipe_id = 2;
+  a.mask_low = 0xf0;
+  a.cu_count = 4;
+  a.mem = 1024;
+  WriteVdev(1, a, true);
+  DmvirtualPeer peer(Started());
+  ASSERT_EQ(peer.mode(), DM_PROCESS_VDEV_MODE);
+  ASSERT_EQ(peer.RunVdevMode(), VDX_STATUS_SUCCESS);
+
+  dmkfdVdevInfo instance{};
+  ASSERT_EQ(dmkfdQueryVdevInfo(0, 2, &instance), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(instance.vram_limit, 1024ull << 20);
+  EXPECT_EQ(instance.cu_mask[0], 0xf0u);
+  EXPECT_EQ(instance.indentifier, 0xc0ffeeu);
+  const std::string dump = Dump();
+  EXPECT_TRUE(Has(dump, "pid " + std::to_string(getpid()) + " mode vgpu")) << dump;
+
+  // Run again after the configuration changed under the same owner: updated in place.
+  peer.bound()[0].memLimit = 2048;
+  peer.bound()[0].cuMask = cu_mask_t(0xf00);
+  ASSERT_EQ(peer.RunVdevMode(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdQueryVdevInfo(0, 2, &instance), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(instance.vram_limit, 2048ull << 20);
+  EXPECT_EQ(instance.cu_mask[0], 0xf00u);
+
+  // Another container's instance on that pipe is not taken over.
+  peer.docker_id() = 0xbad;
+  EXPECT_EQ(peer.RunVdevMode(), VDX_STATUS_ERROR);
+}
+
+TEST(RunModes, GroupModeCreatesTheContainersGroup) {
+  setenv("VDX_CONTAINER_ID", "abc", 1);
+  for (int id : {2, 6}) {
+    VdevFile shared;
+    shared.vdev_id = id;
+    shared.cu_count = 0;
+    shared.mask_low = 0;
+    shared.pipe_id = id / 2;
+    shared.mem = 512 * id;
+    if (id == 6) {
+      shared.pci = e2e::kPci1;
+      shared.device_id = 1;
+    }
+    WriteVdev(id, shared, true);
+  }
+  Dmvirtual& dm = Started();
+  DmvirtualPeer peer(dm);
+  ASSERT_EQ(peer.mode(), DM_PROCESS_GROUP_MODE);
+  ASSERT_EQ(peer.RunGroupMode(), VDX_STATUS_SUCCESS);
+  const std::string dump = Dump();
+  EXPECT_TRUE(Has(dump, "pid " + std::to_string(getpid()) + " mode group")) << dump;
+  ASSERT_EQ(peer.InitSysGroup(), VDX_STATUS_SUCCESS);
+  ASSERT_FALSE(peer.groups().empty());
+  EXPECT_EQ(peer.groups().back().container_id, 0xabcu);
+  EXPECT_EQ(peer.groups().back().group_id, 0x44u);
+  dmkfdVdevInfo group{};
+  ASSERT_EQ(dmkfdQueryGroupInfo(1, 0xabc, &group), VDX_STATUS_SUCCESS);
+  EXPECT_TRUE(group.isExist);
+  EXPECT_EQ(group.vram_limit, 3072ull << 20);
+
+  // The group exists now: running again only switches the mode.
+  ASSERT_EQ(peer.RunGroupMode(), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(dm.DestroyProcessGroup(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdQueryGroupInfo(1, 0xabc, &group), VDX_STATUS_SUCCESS);
+  EXPECT_FALSE(group.isExist);
+}
+
+TEST(RunModes, AGroupIsRefusedBesideInstancesOrBeyondTheDevicesMemory) {
+  setenv("VDX_CONTAINER_ID", "abc", 1);
+  VdevFile shared;
+  shared.vdev_id = 2;
+  shared.cu_count = 0;
+  shared.mem = 40000;  // more than the 32768 MiB of device 0
+  WriteVdev(2, shared, true);
+  Dmvirtual& dm = Started();
+  DmvirtualPeer peer(dm);
+  std::vector<virtual_device_info> bound = peer.bound();
+  EXPECT_EQ(dm.CreateProcessGroup(bound.data(), 0), VDX_STATUS_INVALID_ARGUMENTS);
+  EXPECT_EQ(dm.CreateProcessGroup(bound.data(), 1), VDX_STATUS_OUT_OF_RESOURCES);
+  dmkfdVdevInfo group{};
+  ASSERT_EQ(dmkfdQueryGroupInfo(0, 0xabc, &group), VDX_STATUS_SUCCESS);
+  EXPECT_FALSE(group.isExist) << "the group is destroyed again";
+
+  uint32_t mask[4] = {0xff, 0, 0, 0};
+  ASSERT_EQ(dmkfdCreateVdev(1, 9, 3, 0, 1ull << 30, 128, mask), VDX_STATUS_SUCCESS);
+  bound[0].memLimit = 1024;
+  EXPECT_EQ(dm.CreateProcessGroup(bound.data(), 1), VDX_STATUS_NOT_SUPPORTED);
+
+  peer.docker_env() = false;
+  EXPECT_EQ(dm.CreateProcessGroup(bound.data(), 1), VDX_STATUS_NOT_SUPPORTED);
+  EXPECT_EQ(dm.DestroyProcessGroup(), VDX_STATUS_NOT_SUPPORTED);
+}
+
+}  // namespace
