@@ -29,6 +29,63 @@ bool AllHexDigits(const std::string& text) {
   return true;
 }
 
+// One file probe over the file's lines (text null: the file could not be opened). Shared by
+// CheckDockerContainerEnvByFS and by CheckContainerEnv, which reads each file only once for
+// all the markers it searches there.
+bool ProbeText(const std::string* text, const std::string& marker, bool& in_container,
+               std::string* container_id) {
+  if (in_container) {
+    LOG_DEBUG("[%s] The parameter passed in with the value ture, return true directly.\n",
+              "CheckDockerContainerEnvByFS");
+    return true;
+  }
+  if (text == nullptr) {
+    // The message names the cgroup file whichever file was asked for; scripts match on it.
+    LOG_DEBUG("[%s] Check container environment by cgroup file failed. Unable to open file %s.\n",
+              "CheckDockerContainerEnvByFS", "/proc/self/cgroup");
+    return false;
+  }
+  for (size_t start = 0; start < text->size();) {
+    size_t end = text->find('\n', start);
+    if (end == std::string::npos) end = text->size();
+    const size_t found = text->find(marker, start);
+    if (found != std::string::npos && found + marker.size() <= end) {
+      in_container = true;
+      if (container_id != nullptr) container_id->clear();
+      const size_t from = found + marker.size();
+      const std::string candidate = text->substr(from, std::min(kContainerIdLength, end - from));
+      if (AllHexDigits(candidate)) {
+        LOG_DEBUG("[%s] Found docker container id %s.\n", "CheckDockerContainerEnvByFS",
+                  candidate.c_str());
+        if (container_id != nullptr) *container_id = candidate;
+        return true;
+      }
+      // Not an id: a later line may still name one.
+    }
+    start = end + 1;
+  }
+  return true;
+}
+
+// A /proc file read once, on first use.
+class LazyFile {
+ public:
+  explicit LazyFile(const char* path) : path_(path) {}
+  const std::string* Text() {
+    if (!read_) {
+      read_ = true;
+      opened_ = ReadSmallFile(path_, text_);
+    }
+    return opened_ ? &text_ : nullptr;
+  }
+
+ private:
+  const char* path_;
+  bool read_ = false;
+  bool opened_ = false;
+  std::string text_;
+};
+
 }  // namespace
 
 bool CheckContainerEnv(bool& in_container, std::string* container_id) {
@@ -72,9 +129,13 @@ bool CheckContainerEnv(bool& in_container, std::string* container_id) {
       {"/proc/self/mountinfo", "/containers/"},
   };
   in_container = false;
+  LazyFile cgroup("/proc/self/cgroup");
+  LazyFile mountinfo("/proc/self/mountinfo");
   bool ok = true;
   for (const Probe& probe : kProbes) {
-    if (!CheckDockerContainerEnvByFS(probe.file, probe.marker, in_container, container_id)) {
+    LazyFile& file = probe.file == kProbes[0].file ? cgroup : mountinfo;
+    if (!ProbeText(in_container ? nullptr : file.Text(), probe.marker, in_container,
+                   container_id)) {
       ok = false;
       break;
     }
@@ -90,30 +151,10 @@ bool CheckContainerEnv(bool& in_container, std::string* container_id) {
 
 bool CheckDockerContainerEnvByFS(const std::string& file, const std::string& marker,
                                  bool& in_container, std::string* container_id) {
-  if (in_container) {
-    LOG_DEBUG("[%s] The parameter passed in with the value ture, return true directly.\n",
-              __func__);
-    return true;
-  }
-  bool opened = ForEachLine(file, [&](const std::string& line) {
-    const size_t found = line.find(marker);
-    if (found == std::string::npos) return true;
-    in_container = true;
-    if (container_id != nullptr) container_id->clear();
-    const std::string candidate = line.substr(found + marker.size(), kContainerIdLength);
-    if (!AllHexDigits(candidate)) return true;  // a later line may still name the id
-    LOG_DEBUG("[%s] Found docker container id %s.\n", "CheckDockerContainerEnvByFS",
-              candidate.c_str());
-    if (container_id != nullptr) *container_id = candidate;
-    return false;
-  });
-  if (!opened) {
-    // The message names the cgroup file whichever file was asked for; scripts match on it.
-    LOG_DEBUG("[%s] Check container environment by cgroup file failed. Unable to open file %s.\n",
-              __func__, "/proc/self/cgroup");
-    return false;
-  }
-  return true;
+  if (in_container) return ProbeText(nullptr, marker, in_container, container_id);
+  std::string text;
+  return ProbeText(ReadSmallFile(file, text) ? &text : nullptr, marker, in_container,
+                   container_id);
 }
 
 bool CheckContainerEnvByKWorker(bool& in_container, std::string* container_id) {
