@@ -4,6 +4,7 @@
 #define ZOVDX_TESTS_VIRTUAL_DMVIRTUAL_PEER_H_
 
 #include <cstring>
+#include <list>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
@@ -45,6 +46,7 @@ class DmvirtualPeer {
   std::vector<sys_group_info>& groups() { return dm_.group_lists; }
   uint32_t& bitmap() { return dm_.vdev_bitmap; }
   uint64_t& docker_id() { return dm_.docker_id; }
+  std::list<std::pair<int, int>>& created() { return dm_.created_vxcus; }
   dmRunMode mode() { return dm_.mode; }
   bool& docker_env() { return dm_.is_docker_virtual_env; }
 
