@@ -107,7 +107,7 @@ int Inner(const std::string& probe, int rounds) {
     crowd_call.push_back(Crowd(probe, "call", 200));
   }
   const double crowd_load_ms = Median(crowd_load), crowd_call_ms = Median(crowd_call);
-  std::printf("200 processes started at at once, until all are done (median of 5):\n");
+  std::printf("200 processes started at once, until all are done (median of 5):\n");
   std::printf("  load only     %8.1f ms\n", crowd_load_ms);
   std::printf("  first call    %8.1f ms (goal: under 1000 ms), ratio %.2f\n", crowd_call_ms,
               crowd_call_ms / crowd_load_ms);
