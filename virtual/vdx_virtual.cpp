@@ -64,6 +64,25 @@ vdxStatus InstanceGate(Method method) {
 
 extern "C" {
 
+vdxStatus vdxGetDeviceCount(int* count) {
+  return FullGate([&](Dmvirtual& dm) { return dm.GetDeviceCount(count); });
+}
+
+vdxStatus vdxGetDeviceInfo(int device_id, vdxDeviceInfo* device_info) {
+  return FullGate([&](Dmvirtual& dm) { return dm.GetDeviceInfo(device_id, device_info); });
+}
+
+vdxStatus vdxGetDeviceRemainingInfo(int device_id, size_t* cus, size_t* memories) {
+  return FullGate(
+      [&](Dmvirtual& dm) { return dm.GetDeviceRemainingInfo(device_id, cus, memories); });
+}
+
+vdxStatus vdxCreateVDevices(int device_id, int vdev_count, int* vdev_cus, int* vdev_memories) {
+  return FullGate([&](Dmvirtual& dm) {
+    return dm.CreateVirtualDevices(device_id, vdev_count, vdev_cus, vdev_memories);
+  });
+}
+
 vdxStatus vdxGetMaxVDeviceCount(int* count) {
   return FullGate([&](Dmvirtual& dm) { return dm.GetMaxVirtualDeviceCountSupport(count); });
 }

@@ -10,8 +10,9 @@
 // Every message of the manager is written at debug level.
 //
 // The methods are defined by concern: dmvirtual.cpp (start-up and lifetime),
-// dmvirtual_config.cpp (configuration files), dmvirtual_bind.cpp (process binding),
-// dmvirtual_encrypt.cpp (encryption flag).
+// dmvirtual_config.cpp (configuration files), dmvirtual_accounting.cpp (physical devices and
+// what is left of them), dmvirtual_create.cpp (creation), dmvirtual_bind.cpp (process
+// binding), dmvirtual_encrypt.cpp (encryption flag).
 #ifndef ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
 #define ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
 
@@ -87,6 +88,9 @@ typedef struct _sys_group_info {
   uint64_t container_id;
   uint64_t group_id;  // bit n: virtual device n belongs to the group
 } sys_group_info;
+
+// The nine lines of a virtual device's configuration file, as written by this library.
+std::string VdevFileText(const device_info& physical, const virtual_device_info& vdev);
 
 class Dmvirtual {
  public:
