@@ -62,6 +62,7 @@ class DmvirtualPeer {
     return dm_.iSetVisiableDevice(vdevs.data(), static_cast<int>(vdevs.size()));
   }
   vdxStatus SetRunMask(uint32_t mask) { return dm_.iSetRunVirtualDevice(mask); }
+  vdxStatus ActiveCountFromSys(int* count) { return dm_.iGetActiveVdevCountFromSys(count); }
 
   // The steps that callers run under the manager's locks.
   vdxStatus CheckAndReinit() {

@@ -121,6 +121,19 @@ TEST(StartedManager, SeesWhatAnotherProcessAddsChangesAndRemoves) {
   EXPECT_EQ(peer.bitmap(), 0xffffffffu);
 }
 
+TEST(StartedManager, CountsTheActiveInstancesInSysfs) {
+  DmvirtualPeer peer(Started());
+  int count = -1;
+  ASSERT_EQ(peer.ActiveCountFromSys(&count), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(count, 0);
+  uint32_t mask[4] = {0xff, 0, 0, 0};
+  ASSERT_EQ(dmkfdCreateVdev(0, 1, 1, 0, 1ull << 30, 128, mask), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdCreateVdev(1, 2, 3, 0, 1ull << 30, 128, mask), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(peer.ActiveCountFromSys(&count), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(count, 2);
+  EXPECT_EQ(peer.ActiveCountFromSys(nullptr), VDX_STATUS_INVALID_ARGUMENTS);
+}
+
 // A group made in the driver before the start-up (by another process, as a container
 // runtime would) is read from sysfs.
 TEST(StartedManager, ReadsTheDriversGroups) {

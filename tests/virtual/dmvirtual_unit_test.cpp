@@ -3,6 +3,8 @@
 // of bound devices, and the variables the binding writes.
 #include <stdlib.h>
 
+#include <cstring>
+
 #include <string>
 #include <vector>
 
@@ -218,6 +220,22 @@ TEST(BindingVariables, VisibleDevicesAndTheHostMask) {
   unsetenv("VDX_VDEV_MASK");
   unsetenv("HIP_VISIBLE_DEVICES");
   unsetenv("CUDA_VISIBLE_DEVICES");
+}
+
+TEST(InitDevice, TheDeprecatedMemberOnlyClears) {
+  Dmvirtual dm;
+  vdxDeviceInfo infos[3];
+  memset(infos, 0x5a, sizeof(infos));
+  int count = 7;
+  EXPECT_EQ(dm.InitDevice(infos, 0, &count), VDX_STATUS_INVALID_ARGUMENTS);
+  EXPECT_EQ(dm.InitDevice(nullptr, 2, &count), VDX_STATUS_INVALID_ARGUMENTS);
+  EXPECT_EQ(dm.InitDevice(infos, 2, nullptr), VDX_STATUS_INVALID_ARGUMENTS);
+  EXPECT_EQ(count, 7);
+  EXPECT_EQ(dm.InitDevice(infos, 2, &count), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(infos[1].device_id, 0);
+  EXPECT_EQ(infos[1].name[255], 0);
+  EXPECT_NE(infos[2].device_id, 0) << "only the first capacity records are cleared";
 }
 
 }  // namespace
