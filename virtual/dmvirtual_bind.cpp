@@ -133,6 +133,12 @@ vdxStatus Dmvirtual::iInitSysGroup() {
   return VDX_STATUS_SUCCESS;
 }
 
+bool Dmvirtual::iAnySysGroup() const {
+  for (const sys_group_info& group : group_lists)
+    if (group.container_id != 0 || group.group_id != 0) return true;
+  return false;
+}
+
 vdxStatus Dmvirtual::iSysGetGroupInfo(std::string path, sys_group_info* info) {
   utils::FileHandle stream(fopen(path.c_str(), "re"));
   if (!stream) {

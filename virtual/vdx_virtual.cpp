@@ -83,6 +83,43 @@ vdxStatus vdxCreateVDevices(int device_id, int vdev_count, int* vdev_cus, int* v
   });
 }
 
+vdxStatus vdxGetVDeviceCount(int* count) {
+  return FullGate([&](Dmvirtual& dm) { return dm.GetVirualDeviceCount(count); });
+}
+
+vdxStatus vdxGetVDeviceInfo(int vdevice_id, vdxDeviceInfo* vdevice_info) {
+  return FullGate([&](Dmvirtual& dm) { return dm.GetVirtualDeviceInfo(vdevice_id, vdevice_info); });
+}
+
+vdxStatus vdxDestroyVDevices(int device_id) {
+  return FullGate([&](Dmvirtual& dm) { return dm.DestroyVirtualDevices(device_id); });
+}
+
+vdxStatus vdxDestroySingleVDevice(int vdevice_id) {
+  return FullGate([&](Dmvirtual& dm) { return dm.DestroyVirtualDevice(vdevice_id); });
+}
+
+vdxStatus vdxUpdateSingleVDevice(int vdevice_id, int vdev_cus, int vdev_memories) {
+  return FullGate(
+      [&](Dmvirtual& dm) { return dm.UpdateVirtualDevice(vdevice_id, vdev_cus, vdev_memories); });
+}
+
+vdxStatus vdxStartVDevice(int vdevice_id) {
+  return FullGate([&](Dmvirtual& dm) { return dm.StartVirtualDevice(&vdevice_id, 1); });
+}
+
+vdxStatus vdxStopVDevice(int vdevice_id) {
+  return FullGate([&](Dmvirtual& dm) { return dm.StopVirtualDevice(&vdevice_id, 1); });
+}
+
+vdxStatus vdxGetDevBusyPercent(int device_id, int* busy_percent) {
+  return FullGate([&](Dmvirtual& dm) { return dm.GetDevBusyPercent(device_id, busy_percent); });
+}
+
+vdxStatus vdxGetVDevBusyPercent(int vdevice_id, int* busy_percent) {
+  return FullGate([&](Dmvirtual& dm) { return dm.GetVDevBusyPercent(vdevice_id, busy_percent); });
+}
+
 vdxStatus vdxGetMaxVDeviceCount(int* count) {
   return FullGate([&](Dmvirtual& dm) { return dm.GetMaxVirtualDeviceCountSupport(count); });
 }

@@ -11,8 +11,9 @@
 //
 // The methods are defined by concern: dmvirtual.cpp (start-up and lifetime),
 // dmvirtual_config.cpp (configuration files), dmvirtual_accounting.cpp (physical devices and
-// what is left of them), dmvirtual_create.cpp (creation), dmvirtual_bind.cpp (process
-// binding), dmvirtual_encrypt.cpp (encryption flag).
+// what is left of them), dmvirtual_create.cpp (creation), dmvirtual_destroy.cpp (destroy and
+// update), dmvirtual_query.cpp (queries, start/stop, busy percentages), dmvirtual_bind.cpp
+// (process binding), dmvirtual_encrypt.cpp (encryption flag).
 #ifndef ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
 #define ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
 
@@ -135,6 +136,9 @@ class Dmvirtual {
   // Process binding. iGetRunVirtualDevice, iSetRunVirtualDevice and iReleaseRunVirtualDevice:
   // caller holds bind_vdev_lock exclusively (and virtual_device_lock before it).
   vdxStatus iInitSysGroup();
+  // Whether the driver reports any group: the empty records that each refresh puts in front
+  // of the list are no groups.
+  bool iAnySysGroup() const;
   vdxStatus iSysGetGroupInfo(std::string path, sys_group_info* info);
   vdxStatus iSetVisiableDevice(virtual_device_info* vdevs, int count);
   vdxStatus iSetRunVirtualDevice(uint32_t mask);
@@ -144,6 +148,9 @@ class Dmvirtual {
   vdxStatus iRunProcessVdevMode();
   // Driver instances; caller holds virtual_device_lock.
   vdxStatus iCreateVdev(int vdev_id);
+  // The checks start and stop share, under their locks: a current configuration, the list,
+  // no group, every id configured. *request: the set of ids asked for.
+  vdxStatus iStartStopFrame(const char* caller, int* vdev_ids, int count, uint32_t* request);
   vdxStatus iDestroyVdev(int vdev_id);
   // Configuration files; caller holds virtual_device_lock exclusively (the file lock too
   // where the read must agree with a writer in another process).
@@ -172,6 +179,9 @@ class Dmvirtual {
                                   std::vector<int>& mems, cu_mask_t& free_mask,
                                   uint32_t& free_pipes);
   vdxStatus iDestroyVirtualDevice(int vdev_id);
+  // Releases the container groups and the driver instance that hold a virtual device, before
+  // it is destroyed (updating false) or updated (true); 17 while another user holds it.
+  vdxStatus iReleaseVdevHolders(const virtual_device_info& vdev, bool updating);
   vdxStatus iUpdateVirtualDevice(int vdev_id, int cu, int mem);
 
   std::vector<Device*> device_lists;  // owned; index = device id

@@ -1,0 +1,349 @@
+// Destroying and updating virtual devices: the requests (one device, all of one physical
+// device, an update in place), the release of the container groups and driver instances that
+// hold a virtual device, and iDestroyVdev, the plain teardown that stop uses. The requests
+// take virtual_device_lock exclusively and the file lock (shared, then exclusive before any
+// change); the i-methods run under them.
+#include <unistd.h>
+#include <utime.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "utils/file.h"
+#include "utils/logger.h"
+#include "virtual/dmvirtual_labels.h"
+#include "virtual/include/dmvirtual.h"
+
+namespace {
+
+// The frame every changing request shares, after its own root, container and argument
+// checks: the locks, a current configuration, the raise to exclusive just before the work.
+// before_raise runs while the lock is still shared; a non-zero status ends the request.
+template <typename Reinit, typename BeforeRaise, typename Work>
+vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, const char* caller,
+                                 Reinit reinit, BeforeRaise before_raise, Work work) {
+  std::unique_lock<std::shared_mutex> vdevs(vdev_lock);
+  FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+  vdxStatus status = reinit();
+  if (status != VDX_STATUS_SUCCESS) {
+    // The update's message says "devices", the destroys' "device".
+    if (plural)
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
+    else
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
+    return status;
+  }
+  status = before_raise();
+  if (status != VDX_STATUS_SUCCESS) return status;
+  file_lock.ChangeLockType(FileLocker::kExclusive, false);
+  return work();
+}
+
+}  // namespace
+
+vdxStatus Dmvirtual::DestroyVirtualDevices(int device_id) {
+  if (geteuid() != 0) {
+    LOG_DEBUG("[%s] %s: destroy virtual devices failed, root privilege required.\n", __func__,
+              kLabelError);
+    return VDX_STATUS_PERMISSION;
+  }
+  if (is_docker_virtual_env) {
+    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
+              __func__, kLabelError);
+    return VDX_STATUS_NOT_SUPPORTED;
+  }
+  try {
+    std::vector<int> ids;
+    return UnderExclusiveFileLock(
+        virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
+        [&]() {
+          // A physical device holds at most four: more can only be hand-made, and then none
+          // is destroyed rather than an arbitrary four.
+          for (const virtual_device_info& vdev : virtual_device_lists) {
+            if (vdev.device_id != device_id) continue;
+            if (ids.size() == static_cast<size_t>(kMaxVdevsPerDevice)) {
+              LOG_DEBUG("[%s] %s: The number of virtual devices contained in the current physical "
+                        "device exceeds the upper limit.\n",
+                        "DestroyVirtualDevices", kLabelError);
+              return VDX_STATUS_ERROR;
+            }
+            ids.push_back(vdev.vdev_id);
+          }
+          return VDX_STATUS_SUCCESS;
+        },
+        [&]() {
+          for (int id : ids) {
+            const vdxStatus status = iDestroyVirtualDevice(id);
+            if (status != VDX_STATUS_SUCCESS) {
+              LOG_DEBUG("[%s] %s: failed to destroy virtual device(%d) belones to physical "
+                        "device(%d), the followings are ignored!\n",
+                        "DestroyVirtualDevices", kLabelError, id, device_id);
+              return status;
+            }
+          }
+          return VDX_STATUS_SUCCESS;
+        });
+  } catch (const std::exception& e) {
+    LOG_DEBUG("[%s] %s: failed to destroy requested virtual devices. Due to %s\n", __func__,
+              kLabelError, e.what());
+    return VDX_STATUS_ERROR;
+  }
+}
+
+vdxStatus Dmvirtual::DestroyVirtualDevice(int vdev_id) {
+  if (geteuid() != 0) {
+    LOG_DEBUG("[%s] %s: destroy virtual device failed, root privilege required.\n", __func__,
+              kLabelError);
+    return VDX_STATUS_PERMISSION;
+  }
+  if (is_docker_virtual_env) {
+    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
+              __func__, kLabelError);
+    return VDX_STATUS_NOT_SUPPORTED;
+  }
+  if (vdev_id > kMaxVirtualDevices - 1) {
+    LOG_DEBUG("[%s] %s: The virtual device id exceeds the upper limit.\n", __func__, kLabelError);
+    return VDX_STATUS_ERROR;
+  }
+  try {
+    return UnderExclusiveFileLock(
+        virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
+        [] { return VDX_STATUS_SUCCESS; },
+        [&]() {
+          const vdxStatus status = iDestroyVirtualDevice(vdev_id);
+          if (status != VDX_STATUS_SUCCESS)
+            LOG_DEBUG("[%s] %s: failed to destroy virtual device(%d).\n", "DestroyVirtualDevice",
+                      kLabelError, vdev_id);
+          return status;
+        });
+  } catch (const std::exception& e) {
+    LOG_DEBUG("[%s] %s: failed to destroy requested virtual device. Due to %s\n", __func__,
+              kLabelError, e.what());
+    return VDX_STATUS_ERROR;
+  }
+}
+
+vdxStatus Dmvirtual::UpdateVirtualDevice(int vdev_id, int cu, int mem) {
+  if (geteuid() != 0) {
+    LOG_DEBUG("[%s] %s: update virtual device failed, root privilege required.\n", __func__,
+              kLabelError);
+    return VDX_STATUS_PERMISSION;
+  }
+  if (is_docker_virtual_env) {
+    LOG_DEBUG("[%s] %s: current is docker virtual env, not support.\n", __func__, kLabelError);
+    return VDX_STATUS_NOT_SUPPORTED;
+  }
+  if (vdev_id > kMaxVirtualDevices - 1) {
+    LOG_DEBUG("[%s] %s: The virtual device id exceeds the upper limit.\n", __func__, kLabelError);
+    return VDX_STATUS_ERROR;
+  }
+  // -1 keeps the present value; no memory is no virtual device.
+  if (mem < -1 || mem == 0 || cu < -1) return VDX_STATUS_INVALID_ARGUMENTS;
+  if (cu == -1 && mem == -1) return VDX_STATUS_SUCCESS;
+  try {
+    return UnderExclusiveFileLock(
+        virtual_device_lock, true, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
+        [] { return VDX_STATUS_SUCCESS; },
+        [&]() {
+          const vdxStatus status = iUpdateVirtualDevice(vdev_id, cu, mem);
+          if (status != VDX_STATUS_SUCCESS)
+            LOG_DEBUG("[%s] %s: failed to update virtual device(%d).\n", "UpdateVirtualDevice",
+                      kLabelError, vdev_id);
+          return status;
+        });
+  } catch (const std::exception& e) {
+    LOG_DEBUG("[%s] %s: failed to update virtual device(%d). Due to %s\n", __func__, kLabelError,
+              vdev_id, e.what());
+    return VDX_STATUS_ERROR;
+  }
+}
+
+vdxStatus Dmvirtual::iReleaseVdevHolders(const virtual_device_info& vdev, bool updating) {
+  // The container groups that hold the device go when nobody else uses them.
+  iInitSysGroup();
+  for (const sys_group_info& group : group_lists) {
+    if (!(group.group_id & IdBit(vdev.vdev_id))) continue;
+    dmkfdVdevInfo info;
+    if (dmkfdQueryGroupInfo(static_cast<uint32_t>(vdev.device_id), group.container_id, &info) !=
+        VDX_STATUS_SUCCESS) {
+      LOG_DEBUG("[%s] %s: query the group info for device %d group %d failed.\n", __func__,
+                kLabelError, vdev.device_id, static_cast<int>(group.group_id));
+      continue;
+    }
+    if (info.refcount > 1) {
+      if (updating)
+        LOG_DEBUG("[%s] %s: the vdev %d is used by container(0x%lx) with group mode.\n", __func__,
+                  kLabelError, vdev.vdev_id, group.container_id);
+      else
+        LOG_DEBUG("[%s] %s: the virtual device(%d) was used by container(0x%lx) with group "
+                  "mode.\n",
+                  __func__, kLabelError, vdev.vdev_id, group.container_id);
+      return VDX_STATUS_DEVICE_BUSY;
+    }
+    if (dmkfdDestroyGroup(group.container_id) != VDX_STATUS_SUCCESS)
+      LOG_DEBUG("[%s] %s: destroy the group %d failed.\n", __func__, kLabelError,
+                static_cast<int>(group.group_id));
+  }
+
+  // The driver instance goes when no container or manager client holds it. An update never
+  // changes a live instance: the next start makes the new one.
+  if (system_mode != SYSTEM_MODE_NONE) return VDX_STATUS_SUCCESS;
+  const uint32_t device = static_cast<uint32_t>(vdev.device_id);
+  const uint32_t pipe = static_cast<uint32_t>(vdev.pipe_id);
+  dmkfdVdevInfo instance;
+  if (dmkfdQueryVdevInfo(device, pipe, &instance) != VDX_STATUS_SUCCESS || !instance.isExist)
+    return VDX_STATUS_SUCCESS;
+  if (instance.refcount >= 2 || instance.indentifier != 0) {
+    LOG_DEBUG("[%s] %s: the virtual device %d is used by container/xdms(0x%lx) with vdev mode, "
+              "reference(%u).\n",
+              __func__, kLabelError, vdev.vdev_id, instance.indentifier, instance.refcount);
+    return VDX_STATUS_DEVICE_BUSY;
+  }
+  if (dmkfdDestroyVdev(device, pipe) != VDX_STATUS_SUCCESS) {
+    if (updating)
+      LOG_DEBUG("[%s] %s: update virtual device %d failed, unable to destroy previous one via "
+                "dmkfd.\n",
+                __func__, kLabelError, vdev.vdev_id);
+    else
+      LOG_DEBUG("[%s] %s: destroy virtual device %d via dmkfd failed.\n", __func__, kLabelError,
+                vdev.vdev_id);
+    return VDX_STATUS_ERROR;
+  }
+  // Gone now: at this process's exit it must not be destroyed again, since by then the pipe
+  // may hold another process's instance.
+  created_vxcus.remove(std::make_pair(vdev.device_id, vdev.pipe_id));
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iDestroyVirtualDevice(int vdev_id) {
+  if (!IsDirectoryExist(kVdevDir)) return VDX_STATUS_SUCCESS;
+  virtual_device_info vdev;
+  if (iGetVirtualDeviceById(vdev_id, &vdev) != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: the virtual device(%d) not exist.\n", __func__, kLabelError, vdev_id);
+    return VDX_STATUS_VDEV_NOT_EXIST;
+  }
+  if (vdev.device_id < 0 || static_cast<size_t>(vdev.device_id) >= device_lists.size()) {
+    LOG_DEBUG("[%s] %s: the device id(%d) of virtual device(%d) exceed the max physical device "
+              "count(%u), virtual device configuration file may damaged.\n",
+              __func__, kLabelError, vdev.device_id, vdev_id,
+              static_cast<unsigned>(device_lists.size()));
+    return VDX_STATUS_ERROR;
+  }
+  const vdxStatus status = iReleaseVdevHolders(vdev, false);
+  if (status != VDX_STATUS_SUCCESS) return status;
+  unlink((std::string(kVdevDir) + "/" + VdevFileName(vdev_id)).c_str());
+  iReleaseVirtualDevice(vdev_id);
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iDestroyVdev(int vdev_id) {
+  virtual_device_info vdev;
+  if (iGetVirtualDeviceById(vdev_id, &vdev) != VDX_STATUS_SUCCESS) return VDX_STATUS_VDEV_NOT_EXIST;
+  const uint32_t device = static_cast<uint32_t>(vdev.device_id);
+  const uint32_t pipe = static_cast<uint32_t>(vdev.pipe_id);
+  dmkfdVdevInfo instance;
+  if (dmkfdQueryVdevInfo(device, pipe, &instance) != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] Virtual device(%d) on physical device(%d), pipe(%d) was already destroyed.\n",
+              __func__, vdev_id, vdev.device_id, vdev.pipe_id);
+    return VDX_STATUS_SUCCESS;
+  }
+  if (dmkfdDestroyVdev(device, pipe) != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: destroy virtual device(%d) on physical device(%d) via dmkfd failed.\n",
+              __func__, kLabelError, vdev_id, vdev.device_id);
+    return VDX_STATUS_ERROR;
+  }
+  created_vxcus.remove(std::make_pair(vdev.device_id, vdev.pipe_id));
+  LOG_DEBUG("[%s] Destroyed virtual device(%d) on physical device(%d), pipe(%d), created virtual "
+            "devices(%llu).\n",
+            __func__, vdev_id, vdev.device_id, vdev.pipe_id,
+            static_cast<unsigned long long>(created_vxcus.size()));
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iUpdateVirtualDevice(int vdev_id, int cu, int mem) {
+  if (!IsDirectoryExist(kVdevDir)) return VDX_STATUS_VDEV_NOT_EXIST;
+  virtual_device_info vdev;
+  if (iGetVirtualDeviceById(vdev_id, &vdev) != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: The virtual device not exist(%d)\n", __func__, kLabelError, vdev_id);
+    return VDX_STATUS_VDEV_NOT_EXIST;
+  }
+  if (vdev.device_id < 0 || static_cast<size_t>(vdev.device_id) >= device_lists.size()) {
+    LOG_DEBUG("[%s] %s: the device id(%d) of virtual device(%d) exceed the max physical device "
+              "count(%u), virtual device configuration file may damaged.\n",
+              __func__, kLabelError, vdev.device_id, vdev_id,
+              static_cast<unsigned>(device_lists.size()));
+    return VDX_STATUS_ERROR;
+  }
+  vdxStatus status = iReleaseVdevHolders(vdev, true);
+  if (status != VDX_STATUS_SUCCESS) return status;
+
+  int units = 0, mib = 0;
+  cu_mask_t free_units;
+  status = iGetDevResources(vdev.device_id, &units, &mib, &free_units, nullptr);
+  if (status != VDX_STATUS_SUCCESS) {
+    LOG_DEBUG("[%s] %s: get the available cu or mem failed.\n", __func__, kLabelError);
+    return status;
+  }
+  if (static_cast<int64_t>(units) + vdev.cuCount < cu ||
+      static_cast<int64_t>(mib) + vdev.memLimit < mem) {
+    LOG_DEBUG("[%s] %s: compute units and memory size to be updated exceed available bound, "
+              "cu(%d), mem(%dMib).\n",
+              __func__, kLabelError, cu, mem);
+    return VDX_STATUS_OUT_OF_RESOURCES;
+  }
+
+  if (cu != -1) {
+    // The device's own units count as free; the lowest free ones are taken. The test for
+    // enough follows the take, so an update to 0 units works only when unit 0 is not free.
+    free_units |= vdev.cuMask;
+    cu_mask_t chosen;
+    const uint32_t last = std::min<uint32_t>(device_lists[vdev.device_id]->Info().cuNum,
+                                             static_cast<uint32_t>(chosen.size()));
+    int taken = 0;
+    for (uint32_t bit = 0; bit < last; ++bit) {
+      if (free_units.test(bit)) {
+        chosen.set(bit);
+        ++taken;
+      }
+      if (taken >= cu) break;
+    }
+    if (static_cast<int>(chosen.count()) != cu) {
+      LOG_DEBUG("[%s] %s: cu mask to be updated exceed available bound, cu(%d), "
+                "cu_mask(0x%016lx%016lx)\n",
+                __func__, kLabelError, cu, CuMaskWord64(chosen, 1), CuMaskWord64(chosen, 0));
+      return VDX_STATUS_OUT_OF_RESOURCES;
+    }
+    vdev.cuMask = chosen;
+    vdev.cuCount = cu;
+  }
+  if (mem != -1) vdev.memLimit = mem;
+
+  const std::string file = VdevFileName(vdev_id);
+  const std::string path = std::string(kVdevDir) + "/" + file;
+  if (!WriteTextFile(kVdevDir, file, VdevFileText(device_lists[vdev.device_id]->Info(), vdev),
+                     false)) {
+    LOG_DEBUG("[%s] %s: write text file %s failed.\n", __func__, kLabelError, path.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  // A file rewritten in place does not move the directory's time: move it, so that every
+  // process sees the configuration as changed.
+  if (utime(kVdevDir, nullptr) != 0) {
+    LOG_DEBUG("[%s] %s: set the timestamp of directory %s failed, %s.\n", __func__, kLabelError,
+              kVdevDir, strerror(errno));
+    return VDX_STATUS_ERROR;
+  }
+  unsigned long mtime = 0;
+  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
+    LOG_DEBUG("[%s] %s: get the timestamp of written text file %s failed.\n", __func__,
+              kLabelError, path.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  vdev.mtime = static_cast<time_t>(mtime);
+  return iSetVirtualDeviceById(vdev_id, &vdev);
+}
