@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <string>
 
@@ -300,6 +301,62 @@ TEST(Lifetime, OnlyTheStartingProcessTearsDown) {
   EXPECT_EQ(dmkfdQueryVdevInfo(1, 2, &info), VDX_STATUS_QUERY_VDEV_INFO_FAILED);
   EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
   EXPECT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
+}
+
+// Start and stop take lists: ids in ascending order whatever the order asked, duplicates once,
+// nothing at all when an id is unknown, and the process bound to what it started.
+TEST(StartStop, ListsOfIds) {
+  int units[3] = {4, 4, 4};
+  int mib[3] = {100, 100, 100};
+  ASSERT_EQ(vdxCreateVDevices(0, 3, units, mib), VDX_STATUS_SUCCESS);  // ids 0-2, pipes 0-2
+  Dmvirtual& dm = Dmvirtual::Instance();
+  DmvirtualPeer peer(dm);
+
+  int unknown[] = {2, 9};
+  EXPECT_EQ(dm.StartVirtualDevice(unknown, 2), VDX_STATUS_VDEV_NOT_EXIST);
+  dmkfdVdevInfo info{};
+  EXPECT_EQ(dmkfdQueryVdevInfo(0, 2, &info), VDX_STATUS_QUERY_VDEV_INFO_FAILED)
+      << "an unknown id stops the request before anything is made";
+  int too_many[] = {0, 1, 2, 0};
+  EXPECT_EQ(dm.StartVirtualDevice(too_many, 4), VDX_STATUS_INVALID_ARGUMENTS);
+  EXPECT_EQ(dm.StartVirtualDevice(nullptr, 1), VDX_STATUS_INVALID_ARGUMENTS);
+
+  // Another process already made an instance on id 2's pipe with other units: in ascending
+  // order id 0 is made before id 2 fails.
+  uint32_t other[4] = {0xf00000, 0, 0, 0};
+  ASSERT_EQ(dmkfdCreateVdev(0, 2, 2, 0, 100ull << 20, 128, other), VDX_STATUS_SUCCESS);
+  int reversed[] = {2, 0};
+  EXPECT_EQ(dm.StartVirtualDevice(reversed, 2), VDX_STATUS_ERROR);
+  EXPECT_EQ(dmkfdQueryVdevInfo(0, 0, &info), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdDestroyVdev(0, 2), VDX_STATUS_SUCCESS);
+
+  int twice[] = {1, 1, 0};
+  ASSERT_EQ(dm.StartVirtualDevice(twice, 3), VDX_STATUS_SUCCESS);
+  EXPECT_STREQ(getenv("VDX_VDEV_MASK"), "3");
+  ASSERT_EQ(peer.bound().size(), 2u);
+  EXPECT_EQ(peer.bound()[0].vdev_id, 0);
+  EXPECT_EQ(peer.bound()[1].vdev_id, 1);
+  EXPECT_EQ(peer.created().size(), 2u) << "each instance counted once";
+
+  ASSERT_EQ(dm.StopVirtualDevice(twice, 3), VDX_STATUS_SUCCESS);
+  EXPECT_TRUE(peer.bound().empty());
+  EXPECT_TRUE(peer.created().empty());
+  EXPECT_EQ(dmkfdQueryVdevInfo(0, 1, &info), VDX_STATUS_QUERY_VDEV_INFO_FAILED);
+}
+
+// A destroyed or updated instance leaves this process's list of instances to tear down: by
+// its exit the pipe may hold another process's instance.
+TEST(StartStop, ADestroyedInstanceIsNotTornDownAgainAtExit) {
+  int units[2] = {4, 4};
+  int mib[2] = {100, 100};
+  ASSERT_EQ(vdxCreateVDevices(0, 2, units, mib), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(vdxStartVDevice(0), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(vdxStartVDevice(1), VDX_STATUS_SUCCESS);
+  DmvirtualPeer peer(Dmvirtual::Instance());
+  ASSERT_EQ(peer.created().size(), 2u);
+  ASSERT_EQ(vdxDestroySingleVDevice(0), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(vdxUpdateSingleVDevice(1, -1, 50), VDX_STATUS_SUCCESS);
+  EXPECT_TRUE(peer.created().empty());
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a temporary prefix and builds a consumer against it twice: with
 # pkg-config and with find_package. Both must compile, link and run. A second consumer,
-# which creates virtual devices, is built with pkg-config and run in the simulator.
+# which creates virtual devices, and a third, which takes one through its whole life, are
+# built with pkg-config and run in the simulator.
 # usage: run.sh BUILD_DIR CONSUMER_SOURCE_DIR [extra compiler flags...]
 set -euo pipefail
 build=$1 source=$2
@@ -26,6 +27,9 @@ LD_LIBRARY_PATH=$libdir "$work/with-pkg-config"
 # shellcheck disable=SC2046,SC2086
 cc -std=c99 -Wall -Werror $extra_flags "$source/create.c" $(pkg-config --cflags --libs zovdx) -o "$work/create"
 "$build/sim/vdx-sim" -- env LD_LIBRARY_PATH="$libdir" "$work/create"
+# shellcheck disable=SC2046,SC2086
+cc -std=c99 -Wall -Werror $extra_flags "$source/lifecycle.c" $(pkg-config --cflags --libs zovdx) -o "$work/lifecycle"
+"$build/sim/vdx-sim" -- env LD_LIBRARY_PATH="$libdir" "$work/lifecycle"
 
 echo "== find_package"
 cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
