@@ -159,34 +159,32 @@ FileLocker::FileLocker(const std::string& lockFile, int lockType, bool nonBlocki
   if (!IsValidLockType(lockType))
     throw LockTypeError(std::string(kRedInvalid) + " input lock_type parameter");
 
-  const bool existed = IsFileExist(lock_file_);
-  if (existed)
-    LOG_DEBUG("[%s] lock file %s exist, open it.\n", "FileLocker", lock_file_.c_str());
-  else
-    LOG_DEBUG("[%s] lock file %s does not exist, create it.\n", "FileLocker", lock_file_.c_str());
-
-  // O_EXCL tells whether this very call made the file (only such a file gets its mode set);
-  // O_NOFOLLOW keeps a planted link from steering the open anywhere else. A file removed
-  // between the two opens is simply created on the next round.
+  // Opened without following a link (a planted one must not steer the open anywhere else)
+  // and never truncated. Only a missing file is created, with O_EXCL, so that only a file this
+  // very call made gets its mode set; a file that comes or goes between the two opens is
+  // simply taken on the next round. The common case, a lock file that is there, costs one open.
+  bool existed = true;
   bool created = false;
   int err = 0;
   utils::FdHandle fd;
-  for (int round = 0; round < 8 && fd.get() < 0; ++round) {
+  for (int round = 0; round < 8; ++round) {
+    fd.reset(open(lock_file_.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.get() >= 0 || errno != ENOENT) {
+      err = errno;
+      if (round == 0)
+        LOG_DEBUG("[%s] lock file %s exist, open it.\n", "FileLocker", lock_file_.c_str());
+      break;
+    }
+    if (round == 0)
+      LOG_DEBUG("[%s] lock file %s does not exist, create it.\n", "FileLocker", lock_file_.c_str());
+    existed = false;
     fd.reset(open(lock_file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (fd.get() >= 0) {
       created = true;
       break;
     }
-    if (errno != EEXIST) {
-      err = errno;
-      break;
-    }
-    fd.reset(open(lock_file_.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    if (fd.get() < 0 && errno != ENOENT) {
-      err = errno;
-      break;
-    }
     err = errno;
+    if (err != EEXIST) break;
   }
   struct stat st;
   if (fd.get() >= 0 && (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {

@@ -3,6 +3,8 @@
 // per-device summary of the bound virtual devices. Callers hold virtual_device_lock
 // exclusively (iMergeVirtualDevice: bind_vdev_lock), and the file lock where a read must
 // agree with a writer in another process.
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -185,17 +187,21 @@ vdxStatus Dmvirtual::iInitVirtualDevice() {
 }
 
 vdxStatus Dmvirtual::iCheckAndReinitVirtualDevice() {
-  if (!IsDirectoryExist(kVdevDir)) {
+  // Every query and change asks this first: one stat answers both whether the directory is
+  // there and when it last changed.
+  struct stat st;
+  const bool stated = stat(kVdevDir, &st) == 0;
+  if ((stated && !S_ISDIR(st.st_mode)) || (!stated && (errno == ENOENT || errno == ENOTDIR))) {
     virtual_device_lists.clear();
     vdev_bitmap = 0xffffffffu;
     return VDX_STATUS_SUCCESS;
   }
-  unsigned long mtime = 0;
-  if (!GetTimestamp(kVdevDir, nullptr, &mtime, nullptr)) {
+  if (!stated) {
     LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
               kVdevDir);
     return VDX_STATUS_ERROR;
   }
+  const unsigned long mtime = static_cast<unsigned long>(st.st_mtime);
   // Files created, removed or replaced move the directory's time stamp; a file rewritten in
   // place is caught per device by iRefreshVirtualDeviceInfo.
   if (virtual_mtime >= static_cast<time_t>(mtime)) {

@@ -6,6 +6,7 @@
 // process-wide gate mutex. The encryption pair reaches the manager without start-up and
 // without the mutex. No exception leaves these functions: one that escapes a manager method
 // is reported as VDX_STATUS_INTERNAL_EXCEPTION.
+#include <atomic>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -21,6 +22,9 @@ namespace {
 std::once_flag gvdxInitialized;
 vdxStatus gDmvirtualInitStatus = VDX_STATUS_SUCCESS;
 std::mutex gvdxlock;
+// Set once the start-up has run: later calls pass with one load, without std::call_once,
+// which reaches thread-local state on every call.
+std::atomic<bool> gvdxInitDone{false};
 
 void vdxInit() {
   // A start-up that throws (a container id that is not hexadecimal, a malformed group entry
@@ -37,12 +41,13 @@ void vdxInit() {
   } catch (...) {
     gDmvirtualInitStatus = VDX_STATUS_INTERNAL_EXCEPTION;
   }
+  gvdxInitDone.store(true, std::memory_order_release);
 }
 
 template <typename Method>
 vdxStatus FullGate(Method method) {
   try {
-    std::call_once(gvdxInitialized, vdxInit);
+    if (!gvdxInitDone.load(std::memory_order_acquire)) std::call_once(gvdxInitialized, vdxInit);
     if (gDmvirtualInitStatus != VDX_STATUS_SUCCESS) return gDmvirtualInitStatus;
     std::lock_guard<std::mutex> lock(gvdxlock);
     return method(Dmvirtual::Instance());
