@@ -4,6 +4,7 @@
 // exclusively (iMergeVirtualDevice: bind_vdev_lock), and the file lock where a read must
 // agree with a writer in another process.
 #include <sys/stat.h>
+#include <utime.h>
 
 #include <cctype>
 #include <cerrno>
@@ -330,5 +331,29 @@ vdxStatus Dmvirtual::iMergeVirtualDevice(virtual_device_info* out, int out_size,
     LOG_DEBUG("[%s] %s: device count(%d), max support physical device(%d).\n", __func__,
               kLabelWarning, count, kMaxPhysicalDevices);
   }
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iWriteVdevFile(const char* caller, virtual_device_info* vdev,
+                                    bool touch_directory) {
+  const std::string file = VdevFileName(vdev->vdev_id);
+  const std::string path = std::string(kVdevDir) + "/" + file;
+  if (!WriteTextFile(kVdevDir, file, VdevFileText(device_lists[vdev->device_id]->Info(), *vdev),
+                     false)) {
+    LOG_DEBUG("[%s] %s: write text file %s failed.\n", caller, kLabelError, path.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  if (touch_directory && utime(kVdevDir, nullptr) != 0) {
+    LOG_DEBUG("[%s] %s: set the timestamp of directory %s failed, %s.\n", caller, kLabelError,
+              kVdevDir, strerror(errno));
+    return VDX_STATUS_ERROR;
+  }
+  unsigned long mtime = 0;
+  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
+    LOG_DEBUG("[%s] %s: get the timestamp of written text file %s failed.\n", caller,
+              kLabelError, path.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  vdev->mtime = static_cast<time_t>(mtime);
   return VDX_STATUS_SUCCESS;
 }

@@ -184,8 +184,6 @@ vdxStatus Dmvirtual::iCreateVirtualDevices(int device_id, int count, std::vector
     LOG_DEBUG("[%s] %s: create directory %s failed.\n", __func__, kLabelError, kVdevDir);
     return VDX_STATUS_ERROR;
   }
-  const device_info& physical = device_lists[device_id]->Info();
-
   // No rollback: what a failure leaves written stays, and the next reload from the files
   // makes memory agree with the disk again.
   for (int i = 0; i < count; ++i) {
@@ -220,19 +218,8 @@ vdxStatus Dmvirtual::iCreateVirtualDevices(int device_id, int count, std::vector
     vdev.device_id = device_id;
     vdev.vdev_id = vdev_id;
     vdev.pipe_id = pipe;
-    const std::string file = VdevFileName(vdev_id);
-    const std::string path = std::string(kVdevDir) + "/" + file;
-    if (!WriteTextFile(kVdevDir, file, VdevFileText(physical, vdev), false)) {
-      LOG_DEBUG("[%s] %s: write text file %s failed.\n", __func__, kLabelError, path.c_str());
-      return VDX_STATUS_ERROR;
-    }
-    unsigned long mtime = 0;
-    if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
-      LOG_DEBUG("[%s] %s: get the timestamp of written text file %s failed.\n", __func__,
-                kLabelError, path.c_str());
-      return VDX_STATUS_ERROR;
-    }
-    vdev.mtime = static_cast<time_t>(mtime);
+    const vdxStatus written = iWriteVdevFile(__func__, &vdev, false);
+    if (written != VDX_STATUS_SUCCESS) return written;
     virtual_device_lists.push_back(vdev);
   }
   return VDX_STATUS_SUCCESS;

@@ -4,10 +4,8 @@
 // take virtual_device_lock exclusively and the file lock (shared, then exclusive before any
 // change); the i-methods run under them.
 #include <unistd.h>
-#include <utime.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -164,7 +162,15 @@ vdxStatus Dmvirtual::UpdateVirtualDevice(int vdev_id, int cu, int mem) {
   }
 }
 
-vdxStatus Dmvirtual::iReleaseVdevHolders(const virtual_device_info& vdev, bool updating) {
+vdxStatus Dmvirtual::iReleaseVdevHolders(const char* caller, const virtual_device_info& vdev,
+                                         bool updating) {
+  if (vdev.device_id < 0 || static_cast<size_t>(vdev.device_id) >= device_lists.size()) {
+    LOG_DEBUG("[%s] %s: the device id(%d) of virtual device(%d) exceed the max physical device "
+              "count(%u), virtual device configuration file may damaged.\n",
+              caller, kLabelError, vdev.device_id, vdev.vdev_id,
+              static_cast<unsigned>(device_lists.size()));
+    return VDX_STATUS_ERROR;
+  }
   // The container groups that hold the device go when nobody else uses them.
   iInitSysGroup();
   for (const sys_group_info& group : group_lists) {
@@ -172,22 +178,22 @@ vdxStatus Dmvirtual::iReleaseVdevHolders(const virtual_device_info& vdev, bool u
     dmkfdVdevInfo info;
     if (dmkfdQueryGroupInfo(static_cast<uint32_t>(vdev.device_id), group.container_id, &info) !=
         VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: query the group info for device %d group %d failed.\n", __func__,
+      LOG_DEBUG("[%s] %s: query the group info for device %d group %d failed.\n", caller,
                 kLabelError, vdev.device_id, static_cast<int>(group.group_id));
       continue;
     }
     if (info.refcount > 1) {
       if (updating)
-        LOG_DEBUG("[%s] %s: the vdev %d is used by container(0x%lx) with group mode.\n", __func__,
+        LOG_DEBUG("[%s] %s: the vdev %d is used by container(0x%lx) with group mode.\n", caller,
                   kLabelError, vdev.vdev_id, group.container_id);
       else
         LOG_DEBUG("[%s] %s: the virtual device(%d) was used by container(0x%lx) with group "
                   "mode.\n",
-                  __func__, kLabelError, vdev.vdev_id, group.container_id);
+                  caller, kLabelError, vdev.vdev_id, group.container_id);
       return VDX_STATUS_DEVICE_BUSY;
     }
     if (dmkfdDestroyGroup(group.container_id) != VDX_STATUS_SUCCESS)
-      LOG_DEBUG("[%s] %s: destroy the group %d failed.\n", __func__, kLabelError,
+      LOG_DEBUG("[%s] %s: destroy the group %d failed.\n", caller, kLabelError,
                 static_cast<int>(group.group_id));
   }
 
@@ -202,16 +208,16 @@ vdxStatus Dmvirtual::iReleaseVdevHolders(const virtual_device_info& vdev, bool u
   if (instance.refcount >= 2 || instance.indentifier != 0) {
     LOG_DEBUG("[%s] %s: the virtual device %d is used by container/xdms(0x%lx) with vdev mode, "
               "reference(%u).\n",
-              __func__, kLabelError, vdev.vdev_id, instance.indentifier, instance.refcount);
+              caller, kLabelError, vdev.vdev_id, instance.indentifier, instance.refcount);
     return VDX_STATUS_DEVICE_BUSY;
   }
   if (dmkfdDestroyVdev(device, pipe) != VDX_STATUS_SUCCESS) {
     if (updating)
       LOG_DEBUG("[%s] %s: update virtual device %d failed, unable to destroy previous one via "
                 "dmkfd.\n",
-                __func__, kLabelError, vdev.vdev_id);
+                caller, kLabelError, vdev.vdev_id);
     else
-      LOG_DEBUG("[%s] %s: destroy virtual device %d via dmkfd failed.\n", __func__, kLabelError,
+      LOG_DEBUG("[%s] %s: destroy virtual device %d via dmkfd failed.\n", caller, kLabelError,
                 vdev.vdev_id);
     return VDX_STATUS_ERROR;
   }
@@ -228,14 +234,7 @@ vdxStatus Dmvirtual::iDestroyVirtualDevice(int vdev_id) {
     LOG_DEBUG("[%s] %s: the virtual device(%d) not exist.\n", __func__, kLabelError, vdev_id);
     return VDX_STATUS_VDEV_NOT_EXIST;
   }
-  if (vdev.device_id < 0 || static_cast<size_t>(vdev.device_id) >= device_lists.size()) {
-    LOG_DEBUG("[%s] %s: the device id(%d) of virtual device(%d) exceed the max physical device "
-              "count(%u), virtual device configuration file may damaged.\n",
-              __func__, kLabelError, vdev.device_id, vdev_id,
-              static_cast<unsigned>(device_lists.size()));
-    return VDX_STATUS_ERROR;
-  }
-  const vdxStatus status = iReleaseVdevHolders(vdev, false);
+  const vdxStatus status = iReleaseVdevHolders(__func__, vdev, false);
   if (status != VDX_STATUS_SUCCESS) return status;
   unlink((std::string(kVdevDir) + "/" + VdevFileName(vdev_id)).c_str());
   iReleaseVirtualDevice(vdev_id);
@@ -273,14 +272,7 @@ vdxStatus Dmvirtual::iUpdateVirtualDevice(int vdev_id, int cu, int mem) {
     LOG_DEBUG("[%s] %s: The virtual device not exist(%d)\n", __func__, kLabelError, vdev_id);
     return VDX_STATUS_VDEV_NOT_EXIST;
   }
-  if (vdev.device_id < 0 || static_cast<size_t>(vdev.device_id) >= device_lists.size()) {
-    LOG_DEBUG("[%s] %s: the device id(%d) of virtual device(%d) exceed the max physical device "
-              "count(%u), virtual device configuration file may damaged.\n",
-              __func__, kLabelError, vdev.device_id, vdev_id,
-              static_cast<unsigned>(device_lists.size()));
-    return VDX_STATUS_ERROR;
-  }
-  vdxStatus status = iReleaseVdevHolders(vdev, true);
+  vdxStatus status = iReleaseVdevHolders(__func__, vdev, true);
   if (status != VDX_STATUS_SUCCESS) return status;
 
   int units = 0, mib = 0;
@@ -324,26 +316,9 @@ vdxStatus Dmvirtual::iUpdateVirtualDevice(int vdev_id, int cu, int mem) {
   }
   if (mem != -1) vdev.memLimit = mem;
 
-  const std::string file = VdevFileName(vdev_id);
-  const std::string path = std::string(kVdevDir) + "/" + file;
-  if (!WriteTextFile(kVdevDir, file, VdevFileText(device_lists[vdev.device_id]->Info(), vdev),
-                     false)) {
-    LOG_DEBUG("[%s] %s: write text file %s failed.\n", __func__, kLabelError, path.c_str());
-    return VDX_STATUS_ERROR;
-  }
-  // A file rewritten in place does not move the directory's time: move it, so that every
-  // process sees the configuration as changed.
-  if (utime(kVdevDir, nullptr) != 0) {
-    LOG_DEBUG("[%s] %s: set the timestamp of directory %s failed, %s.\n", __func__, kLabelError,
-              kVdevDir, strerror(errno));
-    return VDX_STATUS_ERROR;
-  }
-  unsigned long mtime = 0;
-  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
-    LOG_DEBUG("[%s] %s: get the timestamp of written text file %s failed.\n", __func__,
-              kLabelError, path.c_str());
-    return VDX_STATUS_ERROR;
-  }
-  vdev.mtime = static_cast<time_t>(mtime);
+  // A file rewritten in place does not move the directory's time: the writer moves it, so that
+  // every process sees the configuration as changed.
+  status = iWriteVdevFile(__func__, &vdev, true);
+  if (status != VDX_STATUS_SUCCESS) return status;
   return iSetVirtualDeviceById(vdev_id, &vdev);
 }

@@ -179,51 +179,22 @@ vdxStatus Dmvirtual::iStartStopFrame(const char* caller, int* vdev_ids, int coun
 }
 
 vdxStatus Dmvirtual::StartVirtualDevice(int* vdev_ids, int count) {
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
-  if (system_mode == SYSTEM_MODE_MIG) {
-    LOG_DEBUG("[%s] %s: mig mode has been enabled, which is not compatible with virtual.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
-  try {
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
-    FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
-    uint32_t request = 0;
-    const vdxStatus status = iStartStopFrame(__func__, vdev_ids, count, &request);
-    if (status != VDX_STATUS_SUCCESS) return status;
-    // Ascending ids, whatever the order asked for.
-    for (int id = 0; id < kMaxVirtualDevices; ++id) {
-      if (!(request & IdBit(id))) continue;
-      if (iCreateVdev(id) != VDX_STATUS_SUCCESS) {
-        LOG_DEBUG("[%s] %s: create virtual device(%d) failed via dmkfd.\n", __func__,
-                  kLabelError, id);
-        return VDX_STATUS_ERROR;
-      }
-    }
-    iSetRunVirtualDevice(request);
-    iGetRunVirtualDevice();
-    return VDX_STATUS_SUCCESS;
-  } catch (const std::exception& e) {
-    LOG_DEBUG("[%s] %s: failed to start virtual devices. Due to %s\n", __func__, kLabelError,
-              e.what());
-    return VDX_STATUS_ERROR;
-  }
+  return iStartOrStop(true, __func__, vdev_ids, count);
 }
 
 vdxStatus Dmvirtual::StopVirtualDevice(int* vdev_ids, int count) {
+  return iStartOrStop(false, __func__, vdev_ids, count);
+}
+
+vdxStatus Dmvirtual::iStartOrStop(bool start, const char* caller, int* vdev_ids, int count) {
   if (is_docker_virtual_env) {
     LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
-              __func__, kLabelError);
+              caller, kLabelError);
     return VDX_STATUS_NOT_SUPPORTED;
   }
   if (system_mode == SYSTEM_MODE_MIG) {
     LOG_DEBUG("[%s] %s: mig mode has been enabled, which is not compatible with virtual.\n",
-              __func__, kLabelError);
+              caller, kLabelError);
     return VDX_STATUS_NOT_SUPPORTED;
   }
   try {
@@ -231,21 +202,33 @@ vdxStatus Dmvirtual::StopVirtualDevice(int* vdev_ids, int count) {
     std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
     FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
     uint32_t request = 0;
-    const vdxStatus status = iStartStopFrame(__func__, vdev_ids, count, &request);
+    const vdxStatus status = iStartStopFrame(caller, vdev_ids, count, &request);
     if (status != VDX_STATUS_SUCCESS) return status;
+    // Ascending ids, whatever the order asked for; the first failure ends the request and
+    // keeps what was done before it.
     for (int id = 0; id < kMaxVirtualDevices; ++id) {
       if (!(request & IdBit(id))) continue;
-      if (iDestroyVdev(id) != VDX_STATUS_SUCCESS) {
-        LOG_DEBUG("[%s] %s: destroy virtual device(%d) failed via dmkfd.\n", __func__,
-                  kLabelError, id);
+      if (start && iCreateVdev(id) != VDX_STATUS_SUCCESS) {
+        LOG_DEBUG("[%s] %s: create virtual device(%d) failed via dmkfd.\n", caller, kLabelError,
+                  id);
+        return VDX_STATUS_ERROR;
+      }
+      if (!start && iDestroyVdev(id) != VDX_STATUS_SUCCESS) {
+        LOG_DEBUG("[%s] %s: destroy virtual device(%d) failed via dmkfd.\n", caller, kLabelError,
+                  id);
         return VDX_STATUS_ERROR;
       }
     }
-    iReleaseRunVirtualDevice();
+    if (start) {
+      iSetRunVirtualDevice(request);
+      iGetRunVirtualDevice();
+    } else {
+      iReleaseRunVirtualDevice();
+    }
     return VDX_STATUS_SUCCESS;
   } catch (const std::exception& e) {
-    // The start request's text, as the tools that match on it expect.
-    LOG_DEBUG("[%s] %s: failed to start virtual devices. Due to %s\n", __func__, kLabelError,
+    // Stop reports with the start request's text, as the tools that match on it expect.
+    LOG_DEBUG("[%s] %s: failed to start virtual devices. Due to %s\n", caller, kLabelError,
               e.what());
     return VDX_STATUS_ERROR;
   }

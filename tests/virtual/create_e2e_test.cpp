@@ -16,19 +16,14 @@
 
 namespace {
 
+using e2e::Create;
 using e2e::Ctl;
 using e2e::Has;
+using e2e::kMiB;
 using e2e::Stdout;
 using e2e::VdevFile;
 using e2e::WriteVdev;
 
-constexpr uint64_t kMiB = 1ull << 20;
-
-vdxStatus Create(int device, std::vector<int> cus, std::vector<int> mems, int count = -1) {
-  if (count < 0) count = static_cast<int>(cus.empty() ? mems.size() : cus.size());
-  return vdxCreateVDevices(device, count, cus.empty() ? nullptr : cus.data(),
-                           mems.empty() ? nullptr : mems.data());
-}
 
 // What the library writes for a virtual device, as the tests expect it on disk.
 std::string Expected(const char* pci, uint64_t mask_low, int units, int mib, int device, int id,

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "sim/ctl_client.h"
+#include "zovdx/vdx.h"
 
 namespace e2e {
 
@@ -86,6 +87,16 @@ inline std::string Stdout(const std::function<void()>& body) {
 
 inline bool Has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
+}
+
+inline constexpr uint64_t kMiB = 1ull << 20;
+
+// vdxCreateVDevices with arrays given as lists; an empty list passes no array (an even
+// split). The count is the lists' length unless given.
+inline vdxStatus Create(int device, std::vector<int> cus, std::vector<int> mems, int count = -1) {
+  if (count < 0) count = static_cast<int>(cus.empty() ? mems.size() : cus.size());
+  return vdxCreateVDevices(device, count, cus.empty() ? nullptr : cus.data(),
+                           mems.empty() ? nullptr : mems.data());
 }
 
 // Every manager message is written at debug level: make the first call show them.

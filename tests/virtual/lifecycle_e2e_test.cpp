@@ -19,19 +19,17 @@
 
 namespace {
 
+using e2e::Create;
 using e2e::Ctl;
 using e2e::Has;
+using e2e::kMiB;
 using e2e::Stdout;
 using e2e::VdevFile;
 using e2e::WriteVdev;
 
-constexpr uint64_t kMiB = 1ull << 20;
 const std::string kGpu0 = std::to_string(rawsim::kGpu0);
 const std::string kGpu1 = std::to_string(rawsim::kGpu1);
 
-vdxStatus Create(int device, std::vector<int> cus, std::vector<int> mems) {
-  return vdxCreateVDevices(device, static_cast<int>(cus.size()), cus.data(), mems.data());
-}
 
 // The driver's live instances, as sysfs lists them ("GPU_VGPU").
 std::vector<std::string> Instances() { return rawsim::ListDir(std::string(rawsim::kKfd) + "/vgpu"); }

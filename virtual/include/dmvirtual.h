@@ -151,6 +151,8 @@ class Dmvirtual {
   // The checks start and stop share, under their locks: a current configuration, the list,
   // no group, every id configured. *request: the set of ids asked for.
   vdxStatus iStartStopFrame(const char* caller, int* vdev_ids, int count, uint32_t* request);
+  // Start (make the instances and bind the process) or stop (destroy them and unbind).
+  vdxStatus iStartOrStop(bool start, const char* caller, int* vdev_ids, int count);
   vdxStatus iDestroyVdev(int vdev_id);
   // Configuration files; caller holds virtual_device_lock exclusively (the file lock too
   // where the read must agree with a writer in another process).
@@ -161,6 +163,9 @@ class Dmvirtual {
   vdxStatus iLoadVirtualDeviceInfo(int vdev_id);
   vdxStatus iRefreshVirtualDeviceInfo(int vdev_id);
   vdxStatus iCheckAndGetVirtualDeviceInfo(int vdev_id, virtual_device_info* info);
+  // Writes a virtual device's file (moving the directory's time when asked, for a file
+  // rewritten in place) and records the file's time in vdev->mtime.
+  vdxStatus iWriteVdevFile(const char* caller, virtual_device_info* vdev, bool touch_directory);
   // Caller holds virtual_device_lock: shared for the get, exclusive for the set.
   vdxStatus iGetVirtualDeviceById(int vdev_id, virtual_device_info* info);
   vdxStatus iSetVirtualDeviceById(int vdev_id, virtual_device_info* info);
@@ -180,8 +185,10 @@ class Dmvirtual {
                                   uint32_t& free_pipes);
   vdxStatus iDestroyVirtualDevice(int vdev_id);
   // Releases the container groups and the driver instance that hold a virtual device, before
-  // it is destroyed (updating false) or updated (true); 17 while another user holds it.
-  vdxStatus iReleaseVdevHolders(const virtual_device_info& vdev, bool updating);
+  // it is destroyed (updating false) or updated (true); 17 while another user holds it, 1 for
+  // a record of a device that does not exist.
+  vdxStatus iReleaseVdevHolders(const char* caller, const virtual_device_info& vdev,
+                                bool updating);
   vdxStatus iUpdateVirtualDevice(int vdev_id, int cu, int mem);
 
   std::vector<Device*> device_lists;  // owned; index = device id
