@@ -6,9 +6,12 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sched.h>
+#include <net/if.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
@@ -324,6 +327,21 @@ class Tools {
 
 }  // namespace
 
+// A machine has its loopback interface up; in a fresh network namespace it starts down. A
+// service in the sandbox (a metrics page) listens there, private to the sandbox.
+bool BringUpLoopback() {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  ifreq request;
+  std::memset(&request, 0, sizeof(request));
+  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+  bool up = ioctl(fd, SIOCGIFFLAGS, &request) == 0;
+  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+  up = up && ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+  close(fd);
+  return up;
+}
+
 int RunSandbox(const SandboxOptions& o) {
   Tools tools;
   if (!tools.Open()) {
@@ -342,6 +360,11 @@ int RunSandbox(const SandboxOptions& o) {
                   WriteText("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") &&
                   WriteText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))) {
     std::fprintf(stderr, "vdx-sim: cannot map the user to root: %s\n", std::strerror(errno));
+    return 125;
+  }
+  if (!BringUpLoopback()) {
+    std::fprintf(stderr, "vdx-sim: cannot bring up the loopback interface: %s\n",
+                 std::strerror(errno));
     return 125;
   }
   int staging_fd = -1;
