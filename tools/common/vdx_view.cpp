@@ -1,0 +1,91 @@
+#include "tools/common/vdx_view.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace vdxtool {
+
+std::string StatusText(vdxStatus status) {
+  const char* text = nullptr;
+  if (vdxGetStatusString(status, &text) != VDX_STATUS_SUCCESS || text == nullptr)
+    return "unknown status " + std::to_string(static_cast<int>(status));
+  return text;
+}
+
+vdxStatus ListDevices(std::vector<DeviceView>* devices) {
+  devices->clear();
+  int count = 0;
+  vdxStatus status = vdxGetDeviceCount(&count);
+  if (status != VDX_STATUS_SUCCESS) return status;
+  for (int index = 0; index < count; ++index) {
+    vdxDeviceInfo info;
+    status = vdxGetDeviceInfo(index, &info);
+    if (status != VDX_STATUS_SUCCESS) return status;
+    DeviceView view;
+    view.index = index;
+    view.name = info.name;
+    view.units = info.compute_unit_count;
+    view.memory_bytes = info.global_mem_size;
+    view.used_bytes = info.usage_mem_size;
+    size_t units = 0, bytes = 0;
+    if (vdxGetDeviceRemainingInfo(index, &units, &bytes) == VDX_STATUS_SUCCESS) {
+      view.has_remaining = true;
+      view.remaining_units = units;
+      view.remaining_bytes = bytes;
+    }
+    int percent = 0;
+    if (vdxGetDevBusyPercent(index, &percent) == VDX_STATUS_SUCCESS) {
+      view.has_busy = true;
+      view.busy_percent = percent;
+    }
+    devices->push_back(view);
+  }
+  return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus ListVdevs(std::vector<VdevView>* vdevs) {
+  vdevs->clear();
+  int count = 0;
+  vdxStatus status = vdxGetVDeviceCount(&count);
+  if (status != VDX_STATUS_SUCCESS) return status;
+  for (int id = 0; id < 32 && static_cast<int>(vdevs->size()) < count; ++id) {
+    vdxDeviceInfo info;
+    status = vdxGetVDeviceInfo(id, &info);
+    if (status == VDX_STATUS_VDEV_NOT_EXIST) continue;
+    if (status != VDX_STATUS_SUCCESS) return status;
+    VdevView view;
+    view.id = id;
+    view.device = info.device_id;
+    view.device_name = info.name;
+    view.units = info.compute_unit_count;
+    view.memory_limit_bytes = info.global_mem_size;
+    view.used_bytes = info.usage_mem_size;
+    view.container = info.container_id;
+    view.pipe = PipeOf(id);
+    // The busy query answers only for a started virtual device; the driver's refusal (12)
+    // means there is no instance.
+    int percent = 0;
+    status = vdxGetVDevBusyPercent(id, &percent);
+    if (status == VDX_STATUS_SUCCESS) {
+      view.started = true;
+      view.has_busy = true;
+      view.busy_percent = percent;
+    }
+    vdevs->push_back(view);
+  }
+  return VDX_STATUS_SUCCESS;
+}
+
+int PipeOf(int id) {
+  std::ifstream file("/etc/vdev/vdev" + std::to_string(id) + ".conf");
+  std::string line;
+  while (std::getline(file, line)) {
+    std::istringstream words(line);
+    std::string key;
+    long value = -1;
+    if (words >> key >> value && key == "pipe_id:") return static_cast<int>(value);
+  }
+  return -1;
+}
+
+}  // namespace vdxtool

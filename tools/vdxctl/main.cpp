@@ -1,0 +1,325 @@
+// vdxctl: the command-line tool of libzovdx. It lists devices and virtual devices, creates,
+// updates and destroys virtual devices, has the vdxd service start and stop them, shows busy
+// percentages, the encryption flag, and writes a CDI specification. It uses only the library's
+// public interface.
+//
+// Exit codes: 0 done; 1 a failure outside the library (a file that cannot be written); 2 a
+// usage error; 3 start or stop without a running vdxd; 100 + N the library's status N (N from
+// 1 to 35); 199 a status the library does not list.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "tools/common/control.h"
+#include "tools/common/vdx_view.h"
+#include "tools/vdxctl/cdi.h"
+#include "tools/vdxctl/output.h"
+#include "zovdx/vdx.h"
+
+namespace {
+
+using vdxctl::Format;
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitNoService = 3;
+
+int LibraryExit(vdxStatus status) {
+  const int code = static_cast<int>(status);
+  return code >= 1 && code <= 35 ? 100 + code : 199;
+}
+
+int Fail(const std::string& what, vdxStatus status) {
+  fprintf(stderr, "vdxctl: %s: %s (status %d)\n", what.c_str(),
+          vdxtool::StatusText(status).c_str(), static_cast<int>(status));
+  return LibraryExit(status);
+}
+
+void PrintJson(const nlohmann::json& j) { printf("%s\n", j.dump(2).c_str()); }
+
+int Devices(Format format) {
+  std::vector<vdxtool::DeviceView> devices;
+  const vdxStatus status = vdxtool::ListDevices(&devices);
+  if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
+  if (format == Format::kJson) {
+    nlohmann::json j = {{"schema", vdxctl::kJsonSchema}, {"devices", nlohmann::json::array()}};
+    for (const auto& d : devices) j["devices"].push_back(vdxctl::ToJson(d));
+    PrintJson(j);
+  } else {
+    vdxctl::PrintRows(vdxctl::DeviceRows(devices, format), format);
+  }
+  return 0;
+}
+
+int Vdevs(Format format) {
+  std::vector<vdxtool::VdevView> vdevs;
+  const vdxStatus status = vdxtool::ListVdevs(&vdevs);
+  if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+  if (format == Format::kJson) {
+    nlohmann::json j = {{"schema", vdxctl::kJsonSchema},
+                        {"virtual_devices", nlohmann::json::array()}};
+    for (const auto& v : vdevs) j["virtual_devices"].push_back(vdxctl::ToJson(v));
+    PrintJson(j);
+  } else {
+    vdxctl::PrintRows(vdxctl::VdevRows(vdevs, format), format);
+  }
+  return 0;
+}
+
+int List(Format format) {
+  std::vector<vdxtool::DeviceView> devices;
+  std::vector<vdxtool::VdevView> vdevs;
+  vdxStatus status = vdxtool::ListDevices(&devices);
+  if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
+  status = vdxtool::ListVdevs(&vdevs);
+  if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+  if (format == Format::kJson) {
+    nlohmann::json j = {{"schema", vdxctl::kJsonSchema},
+                        {"devices", nlohmann::json::array()},
+                        {"virtual_devices", nlohmann::json::array()}};
+    for (const auto& d : devices) j["devices"].push_back(vdxctl::ToJson(d));
+    for (const auto& v : vdevs) j["virtual_devices"].push_back(vdxctl::ToJson(v));
+    PrintJson(j);
+    return 0;
+  }
+  // Two tables (or two CSV blocks), the devices first, separated by an empty line.
+  vdxctl::PrintRows(vdxctl::DeviceRows(devices, format), format);
+  printf("\n");
+  vdxctl::PrintRows(vdxctl::VdevRows(vdevs, format), format);
+  return 0;
+}
+
+int Busy(Format format, int watch_seconds, int rounds) {
+  for (int round = 0; rounds <= 0 || round < rounds; ++round) {
+    if (round > 0) std::this_thread::sleep_for(std::chrono::seconds(watch_seconds));
+    std::vector<vdxtool::DeviceView> devices;
+    std::vector<vdxtool::VdevView> vdevs;
+    vdxStatus status = vdxtool::ListDevices(&devices);
+    if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
+    status = vdxtool::ListVdevs(&vdevs);
+    if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+    if (format == Format::kJson) {
+      // One object per line when watching, so that each can be read as it comes.
+      nlohmann::json j = {{"schema", vdxctl::kJsonSchema},
+                          {"devices", nlohmann::json::array()},
+                          {"virtual_devices", nlohmann::json::array()}};
+      for (const auto& d : devices)
+        j["devices"].push_back({{"index", d.index},
+                                {"busy_percent", d.has_busy ? nlohmann::json(d.busy_percent)
+                                                            : nlohmann::json(nullptr)}});
+      for (const auto& v : vdevs)
+        if (v.has_busy) j["virtual_devices"].push_back({{"id", v.id}, {"busy_percent", v.busy_percent}});
+      printf("%s\n", watch_seconds > 0 ? j.dump().c_str() : j.dump(2).c_str());
+    } else {
+      vdxctl::Rows rows;
+      rows.header = {"kind", "id", "busy_percent"};
+      for (const auto& d : devices)
+        rows.rows.push_back({"device", std::to_string(d.index),
+                             d.has_busy ? std::to_string(d.busy_percent) : "-"});
+      for (const auto& v : vdevs)
+        if (v.has_busy) rows.rows.push_back({"vdev", std::to_string(v.id), std::to_string(v.busy_percent)});
+      vdxctl::PrintRows(rows, format);
+    }
+    fflush(stdout);
+    if (watch_seconds <= 0) break;
+  }
+  return 0;
+}
+
+int Create(int device, int count, const std::vector<int>& units, const std::vector<int>& memory) {
+  if (count == 0) count = static_cast<int>(!units.empty() ? units.size() : memory.size());
+  if (count == 0) count = 1;
+  if ((!units.empty() && static_cast<int>(units.size()) != count) ||
+      (!memory.empty() && static_cast<int>(memory.size()) != count)) {
+    fprintf(stderr, "vdxctl: --units and --memory need one value per virtual device (%d)\n", count);
+    return kExitUsage;
+  }
+  std::vector<int> u = units, m = memory;
+  const vdxStatus status = vdxCreateVDevices(device, count, u.empty() ? nullptr : u.data(),
+                                             m.empty() ? nullptr : m.data());
+  if (status != VDX_STATUS_SUCCESS) return Fail("create", status);
+  printf("created %d virtual device%s on device %d\n", count, count == 1 ? "" : "s", device);
+  return 0;
+}
+
+// Start and stop go through vdxd: an instance lives as long as the process that started it,
+// and vdxctl ends at once.
+int AskService(const std::string& verb, const std::vector<int>& ids) {
+  for (int id : ids) {
+    int status = 0;
+    std::string text, error;
+    if (!vdxtool::AskService(verb + " " + std::to_string(id), &status, &text, &error)) {
+      fprintf(stderr,
+              "vdxctl: %s: the vdxd service is not running (%s). A started virtual device lives "
+              "only as long as the process that started it, so starting and stopping is vdxd's "
+              "work: start it (systemctl start vdxd) and try again.\n",
+              verb.c_str(), error.c_str());
+      return kExitNoService;
+    }
+    if (status != VDX_STATUS_SUCCESS) return Fail(verb + " " + std::to_string(id), static_cast<vdxStatus>(status));
+    printf("%s %d: %s\n", verb == "start" ? "started" : "stopped", id, text.c_str());
+  }
+  return 0;
+}
+
+int Encryption(Format format, const std::string& value) {
+  if (value == "on" || value == "off") {
+    const vdxStatus status = vdxSetEncryptionVMStatus(value == "on");
+    if (status != VDX_STATUS_SUCCESS) return Fail("encryption " + value, status);
+  }
+  bool encrypted = false;
+  const vdxStatus status = vdxGetEncryptionVMStatus(&encrypted);
+  if (status != VDX_STATUS_SUCCESS) return Fail("encryption", status);
+  if (format == Format::kJson)
+    PrintJson({{"schema", vdxctl::kJsonSchema}, {"encrypted", encrypted}});
+  else if (format == Format::kCsv)
+    printf("encrypted\n%s\n", encrypted ? "true" : "false");
+  else
+    printf("encryption: %s\n", encrypted ? "on" : "off");
+  return 0;
+}
+
+int CdiGenerate(const std::string& output) {
+  std::vector<vdxtool::VdevView> vdevs;
+  const vdxStatus status = vdxtool::ListVdevs(&vdevs);
+  if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+  std::vector<int> ids;
+  for (const auto& v : vdevs) ids.push_back(v.id);
+  const std::string text = vdxctl::CdiSpec(ids).dump(2) + "\n";
+  if (output.empty() || output == "-") {
+    printf("%s", text.c_str());
+    return 0;
+  }
+  std::ofstream file(output, std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) {
+    fprintf(stderr, "vdxctl: cannot write %s\n", output.c_str());
+    return kExitFailure;
+  }
+  printf("wrote %s: %zu virtual device%s and \"all\" (kind %s)\n", output.c_str(), ids.size(),
+         ids.size() == 1 ? "" : "s", vdxctl::kCdiKind);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"vdxctl: virtual devices of compute accelerators (libzovdx)"};
+  app.require_subcommand(1);
+  app.fallthrough();
+  std::string format_name = "table";
+  app.add_option("--format", format_name, "Output of the queries: table, json or csv")
+      ->check(CLI::IsMember({"table", "json", "csv"}));
+  std::string log_level;
+  app.add_option("--log-level", log_level,
+                 "The library's log level for this run: none, warning, info or debug")
+      ->check(CLI::IsMember({"none", "warning", "info", "debug"}));
+
+  auto* devices = app.add_subcommand("devices", "List the physical devices");
+  auto* vdevs = app.add_subcommand("vdevs", "List the virtual devices");
+  auto* list = app.add_subcommand("list", "List the physical and the virtual devices");
+
+  auto* create = app.add_subcommand("create", "Create virtual devices on a device");
+  int device = 0, count = 0;
+  std::vector<int> units, memory;
+  create->add_option("device", device, "Physical device index")->required();
+  create->add_option("--count", count, "How many (1 to 4); without --units/--memory an even split");
+  create->add_option("--units", units, "Compute units of each, comma separated")->delimiter(',');
+  create->add_option("--memory", memory, "Memory of each in MiB, comma separated")->delimiter(',');
+
+  auto* update = app.add_subcommand("update", "Change a virtual device's units or memory");
+  int vdev = 0, new_units = -1, new_memory = -1;
+  update->add_option("vdev", vdev, "Virtual device id")->required();
+  update->add_option("--units", new_units, "New compute unit count (default: keep)");
+  update->add_option("--memory", new_memory, "New memory limit in MiB (default: keep)");
+
+  auto* destroy = app.add_subcommand("destroy", "Destroy virtual devices");
+  std::vector<int> destroy_ids;
+  int destroy_device = -1;
+  destroy->add_option("vdevs", destroy_ids, "Virtual device ids");
+  destroy->add_option("--device", destroy_device, "All virtual devices of this physical device");
+
+  auto* start = app.add_subcommand("start", "Have vdxd start virtual devices");
+  std::vector<int> start_ids;
+  start->add_option("vdevs", start_ids, "Virtual device ids")->required();
+  auto* stop = app.add_subcommand("stop", "Have vdxd stop virtual devices");
+  std::vector<int> stop_ids;
+  stop->add_option("vdevs", stop_ids, "Virtual device ids")->required();
+
+  auto* busy = app.add_subcommand("busy", "Busy percentages of devices and started virtual devices");
+  int watch = 0, rounds = 0;
+  busy->add_option("--watch", watch, "Repeat every SECONDS until interrupted");
+  busy->add_option("--rounds", rounds, "With --watch: stop after this many");
+
+  auto* encryption = app.add_subcommand("encryption", "Show or set the encryption flag");
+  std::string encryption_value = "show";
+  encryption->add_option("value", encryption_value, "show, on or off")
+      ->check(CLI::IsMember({"show", "on", "off"}));
+
+  auto* cdi = app.add_subcommand("cdi", "Container Device Interface");
+  auto* cdi_generate = cdi->add_subcommand("generate", "Write a CDI specification");
+  cdi->require_subcommand(1);
+  std::string cdi_output;
+  cdi_generate->add_option("--output", cdi_output, "File to write (default: standard output)");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    app.exit(e);
+    return kExitUsage;
+  }
+  if (destroy->parsed() && destroy_ids.empty() == (destroy_device < 0)) {
+    fprintf(stderr, "vdxctl: destroy takes virtual device ids or --device, not both\n");
+    return kExitUsage;
+  }
+
+  const Format format = format_name == "json"  ? Format::kJson
+                        : format_name == "csv" ? Format::kCsv
+                                               : Format::kTable;
+  if (!log_level.empty()) {
+    const vdxStatus status = vdxSetLogLevel(log_level.c_str());
+    if (status != VDX_STATUS_SUCCESS) return Fail("log level", status);
+  }
+
+  if (devices->parsed()) return Devices(format);
+  if (vdevs->parsed()) return Vdevs(format);
+  if (list->parsed()) return List(format);
+  if (create->parsed()) return Create(device, count, units, memory);
+  if (update->parsed()) {
+    const vdxStatus status = vdxUpdateSingleVDevice(vdev, new_units, new_memory);
+    if (status != VDX_STATUS_SUCCESS) return Fail("update", status);
+    printf("updated virtual device %d\n", vdev);
+    return 0;
+  }
+  if (destroy->parsed()) {
+    if (destroy_device >= 0) {
+      const vdxStatus status = vdxDestroyVDevices(destroy_device);
+      if (status != VDX_STATUS_SUCCESS) return Fail("destroy", status);
+      printf("destroyed the virtual devices of device %d\n", destroy_device);
+      return 0;
+    }
+    for (int id : destroy_ids) {
+      const vdxStatus status = vdxDestroySingleVDevice(id);
+      if (status != VDX_STATUS_SUCCESS) return Fail("destroy " + std::to_string(id), status);
+      printf("destroyed virtual device %d\n", id);
+    }
+    return 0;
+  }
+  if (start->parsed()) return AskService("start", start_ids);
+  if (stop->parsed()) return AskService("stop", stop_ids);
+  if (busy->parsed()) return Busy(format, watch, watch > 0 ? rounds : 1);
+  if (encryption->parsed()) return Encryption(format, encryption_value);
+  if (cdi_generate->parsed()) return CdiGenerate(cdi_output);
+  return kExitUsage;
+}

@@ -1,0 +1,35 @@
+// How vdxctl prints: aligned tables for people, JSON (with a schema version) and CSV for
+// scripts. Tables show memory in MiB; JSON and CSV in bytes.
+#ifndef ZOVDX_TOOLS_VDXCTL_OUTPUT_H_
+#define ZOVDX_TOOLS_VDXCTL_OUTPUT_H_
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/common/vdx_view.h"
+
+namespace vdxctl {
+
+// Version of the JSON that vdxctl prints; it changes only when a field changes meaning or
+// goes away (new fields may be added within a version).
+inline constexpr int kJsonSchema = 1;
+
+enum class Format { kTable, kJson, kCsv };
+
+nlohmann::json ToJson(const vdxtool::DeviceView& device);
+nlohmann::json ToJson(const vdxtool::VdevView& vdev);
+
+// Rows of strings under a header: printed as an aligned table or as CSV.
+struct Rows {
+  std::vector<std::string> header;
+  std::vector<std::vector<std::string>> rows;
+};
+Rows DeviceRows(const std::vector<vdxtool::DeviceView>& devices, Format format);
+Rows VdevRows(const std::vector<vdxtool::VdevView>& vdevs, Format format);
+void PrintRows(const Rows& rows, Format format);
+
+}  // namespace vdxctl
+
+#endif  // ZOVDX_TOOLS_VDXCTL_OUTPUT_H_

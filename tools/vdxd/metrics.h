@@ -1,0 +1,18 @@
+// The Prometheus text exposition of vdxd: one gauge family per quantity, each with HELP and
+// TYPE, labels for the device index and name, the virtual device id and its container.
+#ifndef ZOVDX_TOOLS_VDXD_METRICS_H_
+#define ZOVDX_TOOLS_VDXD_METRICS_H_
+
+#include <string>
+#include <vector>
+
+#include "tools/common/vdx_view.h"
+
+namespace vdxd {
+
+std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
+                          const std::vector<vdxtool::VdevView>& vdevs);
+
+}  // namespace vdxd
+
+#endif  // ZOVDX_TOOLS_VDXD_METRICS_H_
