@@ -61,6 +61,13 @@ bool GetTimestamp(const std::string& path, long* atime, unsigned long* mtime, lo
   return true;
 }
 
+bool GetModificationTime(const std::string& path, struct timespec* mtime) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return false;
+  *mtime = st.st_mtim;
+  return true;
+}
+
 bool CreateDirectory(const std::string& path) {
   if (IsDirectoryExist(path)) return true;
   std::vector<std::string> pieces;

@@ -4,6 +4,7 @@
 #define ZOVDX_UTILS_FILE_H_
 
 #include <fcntl.h>
+#include <time.h>
 
 #include <cstddef>
 #include <cstdio>
@@ -18,6 +19,9 @@ bool IsDirectoryExist(const std::string& path);  // follows links
 // Stores the times in whole seconds into the outputs that are not null. On failure the
 // outputs are untouched.
 bool GetTimestamp(const std::string& path, long* atime, unsigned long* mtime, long* ctime);
+// The modification time at the file system's full precision (nanoseconds): changes within one
+// second are told apart. False on failure, the output untouched.
+bool GetModificationTime(const std::string& path, struct timespec* mtime);
 
 // Creates every missing level with mode 0777 (less the umask). The path is always taken
 // from the root: the relative a/b creates /a and /a/b.

@@ -50,6 +50,11 @@ namespace {
 uint64_t ParseNumber(const std::string& text) { return strtoull(text.c_str(), nullptr, 0); }
 int ParseInt(const std::string& text) { return static_cast<int>(ParseNumber(text)); }
 
+// Whether the stamp (seconds, nanoseconds) is at least as new as the file's.
+bool NotOlder(time_t seconds, long nanoseconds, const struct timespec& file) {
+  return seconds > file.tv_sec || (seconds == file.tv_sec && nanoseconds >= file.tv_nsec);
+}
+
 }  // namespace
 
 vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
@@ -150,13 +155,14 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
     record.device_id = matched;
   }
 
-  unsigned long mtime = 0;
-  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
+  struct timespec mtime;
+  if (!GetModificationTime(path, &mtime)) {
     LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
               path.c_str());
     return VDX_STATUS_ERROR;
   }
-  record.mtime = static_cast<time_t>(mtime);
+  record.mtime = mtime.tv_sec;
+  record.mtime_nsec = mtime.tv_nsec;
   LOG_DEBUG("[%s] Get virtual device(%d)'s cuMask(0x%016lx%016lx).\n", __func__, record.vdev_id,
             CuMaskWord64(record.cuMask, 1), CuMaskWord64(record.cuMask, 0));
   *info = record;
@@ -167,13 +173,14 @@ vdxStatus Dmvirtual::iInitVirtualDevice() {
   virtual_device_lists.clear();
   vdev_bitmap = 0xffffffffu;
   if (!IsDirectoryExist(kVdevDir)) return VDX_STATUS_SUCCESS;
-  unsigned long mtime = 0;
-  if (!GetTimestamp(kVdevDir, nullptr, &mtime, nullptr)) {
+  struct timespec mtime;
+  if (!GetModificationTime(kVdevDir, &mtime)) {
     LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
               kVdevDir);
     return VDX_STATUS_ERROR;
   }
-  virtual_mtime = static_cast<time_t>(mtime);
+  virtual_mtime = mtime.tv_sec;
+  virtual_mtime_nsec = mtime.tv_nsec;
   // A missing, damaged, disabled or orphaned file costs only its own virtual device. One
   // listing finds the files that are there, instead of a look-up for each of the 32 ids.
   const uint32_t present = PresentVdevIds(kVdevDir);
@@ -202,10 +209,10 @@ vdxStatus Dmvirtual::iCheckAndReinitVirtualDevice() {
               kVdevDir);
     return VDX_STATUS_ERROR;
   }
-  const unsigned long mtime = static_cast<unsigned long>(st.st_mtime);
   // Files created, removed or replaced move the directory's time stamp; a file rewritten in
-  // place is caught per device by iRefreshVirtualDeviceInfo.
-  if (virtual_mtime >= static_cast<time_t>(mtime)) {
+  // place is caught per device by iRefreshVirtualDeviceInfo. The stamps are compared to the
+  // nanosecond, so that a change made within the same second as the last load is seen.
+  if (NotOlder(virtual_mtime, virtual_mtime_nsec, st.st_mtim)) {
     LOG_DEBUG("[%s] The virtual configuration path is updated.\n", __func__);
     return VDX_STATUS_SUCCESS;
   }
@@ -237,8 +244,8 @@ vdxStatus Dmvirtual::iLoadVirtualDeviceInfo(int vdev_id) {
 
 vdxStatus Dmvirtual::iRefreshVirtualDeviceInfo(int vdev_id) {
   const std::string path = std::string(kVdevDir) + "/" + VdevFileName(vdev_id);
-  unsigned long mtime = 0;
-  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
+  struct timespec mtime;
+  if (!GetModificationTime(path, &mtime)) {
     LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
               path.c_str());
     return VDX_STATUS_ERROR;
@@ -255,7 +262,7 @@ vdxStatus Dmvirtual::iRefreshVirtualDeviceInfo(int vdev_id) {
               kLabelError, vdev_id);
     return VDX_STATUS_VDEV_NOT_EXIST;
   }
-  if (stored->mtime >= static_cast<time_t>(mtime)) {
+  if (NotOlder(stored->mtime, stored->mtime_nsec, mtime)) {
     LOG_DEBUG("[%s] The configuration of virtual device(%d) is up-to-date.\n", __func__, vdev_id);
     return VDX_STATUS_SUCCESS;
   }
@@ -348,12 +355,13 @@ vdxStatus Dmvirtual::iWriteVdevFile(const char* caller, virtual_device_info* vde
               kVdevDir, strerror(errno));
     return VDX_STATUS_ERROR;
   }
-  unsigned long mtime = 0;
-  if (!GetTimestamp(path, nullptr, &mtime, nullptr)) {
+  struct timespec mtime;
+  if (!GetModificationTime(path, &mtime)) {
     LOG_DEBUG("[%s] %s: get the timestamp of written text file %s failed.\n", caller,
               kLabelError, path.c_str());
     return VDX_STATUS_ERROR;
   }
-  vdev->mtime = static_cast<time_t>(mtime);
+  vdev->mtime = mtime.tv_sec;
+  vdev->mtime_nsec = mtime.tv_nsec;
   return VDX_STATUS_SUCCESS;
 }

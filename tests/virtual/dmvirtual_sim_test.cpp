@@ -135,6 +135,22 @@ TEST(StartedManager, CountsTheActiveInstancesInSysfs) {
   EXPECT_EQ(peer.ActiveCountFromSys(nullptr), VDX_STATUS_INVALID_ARGUMENTS);
 }
 
+// Time stamps are compared to the nanosecond: another process's change within the same
+// second as the last load is seen. (The pause lets the kernel's coarse file clock, a few
+// milliseconds a tick, move on.)
+TEST(StartedManager, SeesAChangeWithinTheSameSecond) {
+  WriteVdev(0, VdevFile{});
+  DmvirtualPeer peer(Started());
+  ASSERT_EQ(peer.vdevs().size(), 1u);
+  usleep(30000);
+  VdevFile added;
+  added.vdev_id = 1;
+  added.pipe_id = 1;
+  InAnotherProcess("printf '" + e2e::Text(added) + "' > /etc/vdev/vdev1.conf");
+  EXPECT_EQ(peer.CheckAndReinit(), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(peer.vdevs().size(), 2u);
+}
+
 // A group made in the driver before the start-up (by another process, as a container
 // runtime would) is read from sysfs.
 TEST(StartedManager, ReadsTheDriversGroups) {

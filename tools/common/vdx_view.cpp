@@ -45,10 +45,13 @@ vdxStatus ListDevices(std::vector<DeviceView>* devices) {
 
 vdxStatus ListVdevs(std::vector<VdevView>* vdevs) {
   vdevs->clear();
+  // Each id is asked for, not just as many as the count says: the query of one id looks
+  // for its file, so a virtual device another process made a moment ago is found even when
+  // the count was taken from a view a moment older.
   int count = 0;
   vdxStatus status = vdxGetVDeviceCount(&count);
   if (status != VDX_STATUS_SUCCESS) return status;
-  for (int id = 0; id < 32 && static_cast<int>(vdevs->size()) < count; ++id) {
+  for (int id = 0; id < 32; ++id) {
     vdxDeviceInfo info;
     status = vdxGetVDeviceInfo(id, &info);
     if (status == VDX_STATUS_VDEV_NOT_EXIST) continue;

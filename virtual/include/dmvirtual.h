@@ -81,7 +81,8 @@ typedef struct _virtual_device_info {
   int device_id;
   int vdev_id;
   int pipe_id;
-  time_t mtime;  // of the file it was read from
+  time_t mtime;      // of the file it was read from
+  long mtime_nsec;   // and its nanoseconds: another process's change in the same second shows
 } virtual_device_info;
 
 // One container group that the driver reports in sysfs.
@@ -205,6 +206,7 @@ class Dmvirtual {
   bool is_docker_virtual_env = false;
   pid_t dmvirtual_pid = -1;
   time_t virtual_mtime = 0;
+  long virtual_mtime_nsec = 0;  // changes within one second are changes too
 };
 
 #endif  // ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_

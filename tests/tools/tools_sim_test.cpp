@@ -1,0 +1,357 @@
+// vdxctl and vdxd as a user runs them, in the simulator (one sandbox per case): every command
+// in its formats, exit codes and refusals, the JSON checked against the driver and the files;
+// vdxd's restore, following of changes, stop on request, clean exit and metrics page; the CDI
+// specification applied to a process in a private mount namespace.
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "sim/ctl_client.h"
+
+namespace {
+
+using nlohmann::json;
+
+struct Result {
+  int exit = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Runs a shell command line; standard error apart.
+Result Shell(const std::string& command) {
+  Result r;
+  FILE* pipe = popen((command + " 2>/tmp/tool-stderr").c_str(), "r");
+  if (pipe == nullptr) return r;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) r.out.append(buffer, n);
+  const int status = pclose(pipe);
+  r.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  r.err = Slurp("/tmp/tool-stderr");
+  return r;
+}
+
+const std::string kCtl = VDXCTL_BIN;
+
+Result Vdxctl(const std::string& args) { return Shell(kCtl + " " + args); }
+
+json JsonOf(const std::string& args) {
+  const Result r = Vdxctl("--format json " + args);
+  EXPECT_EQ(r.exit, 0) << args << ": " << r.err;
+  return json::parse(r.out);
+}
+
+std::string Dump() {
+  std::string out;
+  EXPECT_EQ(vdxsim::SimControl({"dump"}, &out), 0);
+  return out;
+}
+
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST(Vdxctl, DevicesInEveryFormat) {
+  const json j = JsonOf("devices");
+  EXPECT_EQ(j["schema"], 1);
+  ASSERT_EQ(j["devices"].size(), 2u);
+  const json& first = j["devices"][0];
+  EXPECT_EQ(first["name"], "ZO XC-100 32G");
+  EXPECT_EQ(first["compute_units"], 60);
+  EXPECT_EQ(first["memory_bytes"], 34359738368ull);
+  EXPECT_EQ(first["remaining_compute_units"], 60);
+  EXPECT_EQ(first["busy_percent"], 0);
+  // The driver says the same.
+  EXPECT_TRUE(Has(Dump(), "gpu 21735 node 1 cu 60 vram 34359738368"));
+
+  const Result table = Vdxctl("devices");
+  EXPECT_EQ(table.exit, 0);
+  EXPECT_EQ(table.out.substr(0, table.out.find('\n')),
+            "device  name           units  memory_mib  used_mib  free_units  free_mib  "
+            "busy_percent");
+  EXPECT_TRUE(Has(table.out, "1       ZO XC-200      64     16384"));
+  const Result csv = Vdxctl("--format csv devices");
+  EXPECT_EQ(csv.out,
+            "device,name,units,memory_bytes,used_bytes,free_units,free_bytes,busy_percent\n"
+            "0,ZO XC-100 32G,60,34359738368,0,60,34359738368,0\n"
+            "1,ZO XC-200,64,17179869184,0,64,17179869184,0\n");
+}
+
+TEST(Vdxctl, CreateUpdateDestroy) {
+  Result r = Vdxctl("create 0 --units 8,4 --memory 1024,2048");
+  ASSERT_EQ(r.exit, 0) << r.err;
+  EXPECT_EQ(r.out, "created 2 virtual devices on device 0\n");
+  json j = JsonOf("vdevs");
+  ASSERT_EQ(j["virtual_devices"].size(), 2u);
+  const json& second = j["virtual_devices"][1];
+  EXPECT_EQ(second["id"], 1);
+  EXPECT_EQ(second["device"], 0);
+  EXPECT_EQ(second["compute_units"], 4);
+  EXPECT_EQ(second["memory_limit_bytes"], 2048ull << 20);
+  EXPECT_EQ(second["pipe"], 1);
+  EXPECT_EQ(second["started"], false);
+  EXPECT_TRUE(second["busy_percent"].is_null());
+  EXPECT_TRUE(Has(Slurp("/etc/vdev/vdev1.conf"), "cu_mask: 0x0000000000000f00\n"));
+
+  ASSERT_EQ(Vdxctl("update 1 --memory 4096").exit, 0);
+  j = JsonOf("vdevs");
+  EXPECT_EQ(j["virtual_devices"][1]["memory_limit_bytes"], 4096ull << 20);
+  EXPECT_EQ(j["virtual_devices"][1]["compute_units"], 4) << "units kept";
+
+  r = Vdxctl("--format csv list");
+  EXPECT_TRUE(Has(r.out, "\n\nvdev,device,units,limit_bytes,used_bytes,pipe,container,started,"
+                         "busy_percent\n0,0,8,1073741824,0,0,0x0,no,\n"))
+      << r.out;
+
+  ASSERT_EQ(Vdxctl("destroy 0").exit, 0);
+  EXPECT_EQ(JsonOf("vdevs")["virtual_devices"].size(), 1u);
+  ASSERT_EQ(Vdxctl("create 1 --count 2").exit, 0);
+  ASSERT_EQ(Vdxctl("destroy --device 1").exit, 0);
+  j = JsonOf("list");
+  ASSERT_EQ(j["virtual_devices"].size(), 1u);
+  EXPECT_EQ(j["virtual_devices"][0]["id"], 1);
+  EXPECT_EQ(j["devices"][1]["remaining_compute_units"], 64);
+}
+
+TEST(Vdxctl, ExitCodesAndRefusals) {
+  Result r = Vdxctl("create 0 --count 5");
+  EXPECT_EQ(r.exit, 110);
+  EXPECT_EQ(r.err, "vdxctl: create: Invalid arguments. (status 10)\n");
+  r = Vdxctl("destroy 32");
+  EXPECT_EQ(r.exit, 101);
+  EXPECT_EQ(Vdxctl("update 5 --units 1").exit, 115);
+  EXPECT_EQ(Vdxctl("create 0 --units 8 --memory 1,2").exit, 2);
+  EXPECT_EQ(Vdxctl("create").exit, 2);
+  EXPECT_EQ(Vdxctl("--format xml devices").exit, 2);
+  EXPECT_EQ(Vdxctl("destroy").exit, 2);
+  EXPECT_EQ(Vdxctl("frobnicate").exit, 2);
+  EXPECT_EQ(Vdxctl("--help").exit, 0);
+
+  r = Shell("setpriv --reuid=65534 --regid=65534 --clear-groups " + kCtl + " create 0 --count 1");
+  EXPECT_EQ(r.exit, 119) << r.err;
+  EXPECT_EQ(r.err, "vdxctl: create: Permission denied. (status 19)\n");
+  EXPECT_EQ(Shell("setpriv --reuid=65534 --regid=65534 --clear-groups " + kCtl + " devices").exit, 0)
+      << "queries work for everyone";
+}
+
+TEST(Vdxctl, BusyEncryptionAndLogLevel) {
+  std::string ignored;
+  ASSERT_EQ(vdxsim::SimControl({"busy", "21735", "0x7f"}, &ignored), 0);
+  json j = JsonOf("busy");
+  EXPECT_EQ(j["devices"][0]["busy_percent"], 11);
+  const Result watch = Vdxctl("--format json busy --watch 1 --rounds 2");
+  EXPECT_EQ(std::count(watch.out.begin(), watch.out.end(), '\n'), 2) << watch.out;
+
+  j = JsonOf("encryption");
+  EXPECT_EQ(j["encrypted"], false);
+  ASSERT_EQ(Vdxctl("encryption on").exit, 0);
+  EXPECT_EQ(JsonOf("encryption")["encrypted"], true);
+  EXPECT_EQ(Slurp("/root/.zocu/encryp.conf"), "encryption: 1\n");
+
+  const Result debug = Vdxctl("--log-level debug devices");
+  EXPECT_TRUE(Has(debug.out, "] [dmkfdGetAvailableMem] Node:0")) << debug.out;
+  EXPECT_EQ(Vdxctl("--log-level trace devices").exit, 2);
+}
+
+// vdxd, started in the background, and stopped with SIGTERM by the test.
+class Daemon {
+ public:
+  Daemon() {
+    pid_ = fork();
+    if (pid_ == 0) {
+      const int log = open("/tmp/vdxd.log", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      dup2(log, 1);
+      dup2(log, 2);
+      execl(VDXD_BIN, "vdxd", "--interval", "1", nullptr);
+      _exit(127);
+    }
+    for (int i = 0; i < 200 && Vdxctl("start 99").exit == 3; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  // SIGTERM; the exit status.
+  int Stop() {
+    kill(pid_, SIGTERM);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  ~Daemon() {
+    if (pid_ > 0) Stop();
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+std::vector<std::string> Instances() {
+  std::vector<std::string> names;
+  const Result r = Shell("ls /sys/devices/virtual/kfd/kfd/vgpu");
+  std::istringstream lines(r.out);
+  std::string line;
+  while (std::getline(lines, line)) names.push_back(line);
+  return names;
+}
+
+// Polls until the condition holds or a second and a half has passed.
+template <typename Condition>
+bool Within(Condition condition) {
+  for (int i = 0; i < 150; ++i) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return condition();
+}
+
+TEST(Vdxd, StartAndStopNeedTheService) {
+  ASSERT_EQ(Vdxctl("create 0 --count 1").exit, 0);
+  const Result r = Vdxctl("start 0");
+  EXPECT_EQ(r.exit, 3);
+  EXPECT_TRUE(Has(r.err, "the vdxd service is not running")) << r.err;
+  EXPECT_TRUE(Instances().empty());
+}
+
+TEST(Vdxd, KeepsTheConfigurationStarted) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8 --memory 1024").exit, 0);
+  Daemon daemon;
+  EXPECT_EQ(Instances(), std::vector<std::string>{"21735_0"}) << "restored at start";
+
+  ASSERT_EQ(Vdxctl("create 1 --units 4 --memory 512").exit, 0);
+  EXPECT_TRUE(Within([] { return Instances().size() == 2; })) << "a new one starts within a second";
+
+  ASSERT_EQ(Vdxctl("update 1 --memory 768").exit, 0);
+  EXPECT_TRUE(Within([] { return Has(Dump(), "vgpu 0 group_id 1 indentifier 0x0 vram_limit 805306368"); }))
+      << Dump();
+
+  Result r = Vdxctl("stop 0");
+  EXPECT_EQ(r.exit, 0) << r.err;
+  EXPECT_EQ(r.out, "stopped 0: stopped\n");
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  EXPECT_EQ(JsonOf("vdevs")["virtual_devices"][0]["started"], false) << "stays stopped";
+  ASSERT_EQ(Vdxctl("start 0").exit, 0);
+  EXPECT_EQ(JsonOf("vdevs")["virtual_devices"][0]["started"], true);
+
+  ASSERT_EQ(Vdxctl("destroy 1").exit, 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  EXPECT_EQ(JsonOf("vdevs")["virtual_devices"].size(), 1u) << "a destroy is not undone";
+  EXPECT_EQ(Instances(), std::vector<std::string>{"21735_0"});
+
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_TRUE(Instances().empty()) << "its instances went with it";
+  EXPECT_TRUE(Has(Slurp("/tmp/vdxd.log"), "vdxd: stopping")) << Slurp("/tmp/vdxd.log");
+}
+
+TEST(Vdxd, MetricsPage) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8,4 --memory 1024,2048").exit, 0);
+  std::string ignored;
+  ASSERT_EQ(vdxsim::SimControl({"busy", "21735", "0x3"}, &ignored), 0);
+  Daemon daemon;
+  ASSERT_TRUE(Within([] { return Instances().size() == 2; }));
+  const Result page = Shell("curl -sf http://127.0.0.1:9464/metrics");
+  ASSERT_EQ(page.exit, 0) << page.err;
+
+  std::map<std::string, int> help, type;
+  std::map<std::string, double> samples;
+  std::istringstream lines(page.out);
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::istringstream words(line);
+    std::string first, second, third;
+    words >> first >> second >> third;
+    if (first == "#" && second == "HELP") {
+      ++help[third];
+    } else if (first == "#" && second == "TYPE") {
+      ++type[third];
+      EXPECT_TRUE(Has(line, " gauge")) << line;
+    } else {
+      // A sample: name and labels (whose values may hold blanks), a blank, the value.
+      const size_t blank = line.rfind(' ');
+      ASSERT_NE(blank, std::string::npos) << line;
+      const std::string series = line.substr(0, blank);
+      const std::string family = series.substr(0, series.find('{'));
+      EXPECT_EQ(help.count(family), 1u) << "a sample before its HELP: " << line;
+      EXPECT_EQ(type.count(family), 1u) << "a sample before its TYPE: " << line;
+      samples[series] = std::stod(line.substr(blank + 1));
+    }
+  }
+  EXPECT_EQ(help.size(), type.size());
+  const std::string device0 = "{device=\"0\",name=\"ZO XC-100 32G\"}";
+  EXPECT_EQ(samples["vdx_device_compute_units" + device0], 60);
+  EXPECT_EQ(samples["vdx_device_free_compute_units" + device0], 48);
+  EXPECT_DOUBLE_EQ(samples["vdx_device_busy_ratio" + device0], 0.03);
+  const std::string vdev1 = "{vdev=\"1\",device=\"0\",name=\"ZO XC-100 32G\",container=\"0x0\"}";
+  EXPECT_EQ(samples["vdx_vdev_memory_limit_bytes" + vdev1], 2048.0 * (1 << 20));
+  EXPECT_EQ(samples["vdx_vdev_started" + vdev1], 1);
+  EXPECT_DOUBLE_EQ(samples["vdx_vdev_busy_ratio{vdev=\"0\",device=\"0\",name=\"ZO XC-100 32G\","
+                           "container=\"0x0\"}"],
+                   0.25)
+      << "2 busy of its 8 units";
+}
+
+// The CDI edits, applied as a runtime would (bind mounts in a mount namespace of its own),
+// give the process there exactly the chosen virtual device.
+TEST(Cdi, TheEditsBindAProcessToItsVirtualDevices) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8,4 --memory 1024,2048").exit, 0);
+  ASSERT_EQ(Vdxctl("cdi generate --output /tmp/vdev.json").exit, 0);
+  const json spec = json::parse(Slurp("/tmp/vdev.json"));
+  EXPECT_EQ(spec["cdiVersion"], "0.6.0");
+  EXPECT_EQ(spec["kind"], "zovdx.dev/vdev");
+  ASSERT_EQ(spec["devices"].size(), 3u);
+  EXPECT_EQ(spec["devices"][2]["name"], "all");
+  EXPECT_EQ(spec["devices"][2]["containerEdits"]["mounts"].size(), 2u);
+  const json& edits = spec["devices"][1]["containerEdits"];
+  EXPECT_EQ(spec["devices"][1]["name"], "1");
+  EXPECT_EQ(edits["deviceNodes"][0]["path"], "/dev/mkfd");
+  ASSERT_EQ(edits["mounts"].size(), 1u);
+
+  const pid_t child = fork();
+  if (child == 0) {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      _exit(10);
+    mkdir("/etc/vdev/docker", 0755);
+    if (mount("tmpfs", "/etc/vdev/docker", "tmpfs", 0, nullptr) != 0) _exit(11);
+    for (const json& m : edits["mounts"]) {
+      const std::string target = m["containerPath"];
+      close(open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+      if (mount(std::string(m["hostPath"]).c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        _exit(12);
+    }
+    const Result r = Vdxctl("--format json devices");
+    if (r.exit != 0) _exit(13);
+    const json j = json::parse(r.out);
+    if (j["devices"].size() != 1 || j["devices"][0]["compute_units"] != 4) _exit(14);
+    _exit(Vdxctl("create 0 --count 1").exit == 106 ? 0 : 15);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0)
+      << "13: the tool failed, 14: not bound to exactly the chosen device, 15: not refused";
+}
+
+}  // namespace
