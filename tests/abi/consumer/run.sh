@@ -31,6 +31,19 @@ cc -std=c99 -Wall -Werror $extra_flags "$source/create.c" $(pkg-config --cflags 
 cc -std=c99 -Wall -Werror $extra_flags "$source/lifecycle.c" $(pkg-config --cflags --libs zovdx) -o "$work/lifecycle"
 "$build/sim/vdx-sim" -- env LD_LIBRARY_PATH="$libdir" "$work/lifecycle"
 
+if [ -x "$build/tools/vdxctl" ]; then
+  echo "== tools"
+  for file in bin/vdxctl sbin/vdxd lib/systemd/system/vdxd.service share/man/man1/vdxctl.1 \
+              share/man/man8/vdxd.8; do
+    [ -e "$prefix/$file" ] || { echo "FAIL: $file not installed"; exit 1; }
+  done
+  grep -q "^ExecStart=$prefix/sbin/vdxd$" "$prefix/lib/systemd/system/vdxd.service" ||
+    { echo "FAIL: the unit does not start the installed vdxd"; exit 1; }
+  # The installed tool finds the installed library through its run path.
+  "$build/sim/vdx-sim" -- "$prefix/bin/vdxctl" --format csv devices | grep -q '^0,ZO XC-100 32G,60,' ||
+    { echo "FAIL: the installed vdxctl does not run"; exit 1; }
+fi
+
 echo "== find_package"
 cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
       -DCMAKE_C_FLAGS="$extra_flags" -DCMAKE_EXE_LINKER_FLAGS="$extra_flags" >/dev/null
