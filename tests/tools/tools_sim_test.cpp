@@ -178,6 +178,25 @@ TEST(Vdxctl, BusyEncryptionAndLogLevel) {
   EXPECT_EQ(Vdxctl("--log-level trace devices").exit, 2);
 }
 
+TEST(Vdxctl, EveryQueryInEveryFormat) {
+  ASSERT_EQ(Vdxctl("create 1 --count 2").exit, 0);
+  const std::map<std::string, std::string> first_column = {
+      {"devices", "device"}, {"vdevs", "vdev"}, {"list", "device"}, {"busy", "kind"},
+      {"encryption", "encrypted"}};
+  for (const auto& [command, column] : first_column) {
+    const Result json_out = Vdxctl("--format json " + command);
+    ASSERT_EQ(json_out.exit, 0) << command << ": " << json_out.err;
+    EXPECT_EQ(json::parse(json_out.out)["schema"], 1) << command;
+    const Result csv = Vdxctl("--format csv " + command);
+    ASSERT_EQ(csv.exit, 0) << command;
+    EXPECT_EQ(csv.out.substr(0, csv.out.find(',')).substr(0, csv.out.find('\n')), column)
+        << command << ": " << csv.out;
+    const Result table = Vdxctl(command);
+    ASSERT_EQ(table.exit, 0) << command;
+    EXPECT_FALSE(table.out.empty()) << command;
+  }
+}
+
 // vdxd, started in the background, and stopped with SIGTERM by the test.
 class Daemon {
  public:
