@@ -97,6 +97,35 @@ bool WriteTextFile(const std::string& directory, const std::string& fileName,
   return ok;
 }
 
+bool ReplaceTextFile(const std::string& directory, const std::string& fileName,
+                     const std::string& content) {
+  if (directory.empty() || fileName.empty()) return false;
+  if (!CreateDirectory(directory)) return false;
+  const std::string path = directory + "/" + fileName;
+  const std::string temporary =
+      directory + "/." + fileName + ".tmp-" + std::to_string(static_cast<long>(getpid()));
+  utils::FdHandle fd(
+      open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (fd.get() < 0) return false;
+  bool ok = true;
+  for (size_t done = 0; ok && done < content.size();) {
+    const ssize_t n = write(fd.get(), content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) done += static_cast<size_t>(n);
+  }
+  ok = ok && fsync(fd.get()) == 0;
+  fd.reset();
+  ok = ok && rename(temporary.c_str(), path.c_str()) == 0;
+  if (!ok) {
+    unlink(temporary.c_str());
+    return false;
+  }
+  // The rename itself is durable only once the directory is synced.
+  utils::FdHandle dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return dir.get() >= 0 && fsync(dir.get()) == 0;
+}
+
 bool ForEachLine(const std::string& path,
                  const std::function<bool(const std::string&)>& visit) {
   utils::FileHandle file(fopen(path.c_str(), "re"));

@@ -32,6 +32,13 @@ bool CreateDirectory(const std::string& path);
 bool WriteTextFile(const std::string& directory, const std::string& fileName,
                    const std::string& content, bool append);
 
+// Replaces directory/fileName with content so that no reader ever sees a part of it: the text
+// goes to a temporary file in the same directory (named "." + fileName + ".tmp-" + pid), which
+// is synced and renamed over the old file; then the directory is synced. Creates the
+// directory. False on any failure, the old file untouched and no temporary file left.
+bool ReplaceTextFile(const std::string& directory, const std::string& fileName,
+                     const std::string& content);
+
 // Calls visit with each line of path (without its line end) until visit returns false.
 // False when the file cannot be opened. The descriptor is close-on-exec.
 bool ForEachLine(const std::string& path, const std::function<bool(const std::string&)>& visit);

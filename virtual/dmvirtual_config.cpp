@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -345,8 +346,9 @@ vdxStatus Dmvirtual::iWriteVdevFile(const char* caller, virtual_device_info* vde
                                     bool touch_directory) {
   const std::string file = VdevFileName(vdev->vdev_id);
   const std::string path = std::string(kVdevDir) + "/" + file;
-  if (!WriteTextFile(kVdevDir, file, VdevFileText(device_lists[vdev->device_id]->Info(), *vdev),
-                     false)) {
+  // Replaced whole, never rewritten in place: a process killed half-way leaves the old file
+  // or the new one, and a reader never sees a part of it.
+  if (!ReplaceTextFile(kVdevDir, file, VdevFileText(device_lists[vdev->device_id]->Info(), *vdev))) {
     LOG_DEBUG("[%s] %s: write text file %s failed.\n", caller, kLabelError, path.c_str());
     return VDX_STATUS_ERROR;
   }
@@ -364,4 +366,18 @@ vdxStatus Dmvirtual::iWriteVdevFile(const char* caller, virtual_device_info* vde
   vdev->mtime = mtime.tv_sec;
   vdev->mtime_nsec = mtime.tv_nsec;
   return VDX_STATUS_SUCCESS;
+}
+
+vdxStatus Dmvirtual::iReloadUnderExclusiveLock(bool* changed) {
+  const std::vector<virtual_device_info> before = virtual_device_lists;
+  const uint32_t bitmap_before = vdev_bitmap;
+  const vdxStatus status = iInitVirtualDevice();
+  auto same = [](const virtual_device_info& a, const virtual_device_info& b) {
+    return a.vdev_id == b.vdev_id && a.device_id == b.device_id && a.pipe_id == b.pipe_id &&
+           a.cuCount == b.cuCount && a.memLimit == b.memLimit && a.cuMask == b.cuMask;
+  };
+  *changed = status != VDX_STATUS_SUCCESS || bitmap_before != vdev_bitmap ||
+             before.size() != virtual_device_lists.size() ||
+             !std::equal(before.begin(), before.end(), virtual_device_lists.begin(), same);
+  return status;
 }

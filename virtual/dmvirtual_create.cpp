@@ -79,6 +79,25 @@ vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_conf
       return status;
     }
     file_lock.ChangeLockType(FileLocker::kExclusive, false);
+    // The plan was made under the shared lock: if another process changed the files before
+    // this one got the exclusive lock, the plan is made again on what is there now, and its
+    // outcome is the request's.
+    bool changed = false;
+    status = iReloadUnderExclusiveLock(&changed);
+    if (status != VDX_STATUS_SUCCESS) {
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
+                kLabelError);
+      return status;
+    }
+    if (changed) {
+      status = iGenerateVirtualDevicesConfig(device_id, count, cu_config, mem_config, cus, mems,
+                                             free_units, free_pipes);
+      if (status != VDX_STATUS_SUCCESS) {
+        LOG_DEBUG("[%s] %s: calculate and generate virtual devices' configuration failed.\n",
+                  __func__, kLabelError);
+        return status;
+      }
+    }
     status = iCreateVirtualDevices(device_id, count, cus, mems, free_units, free_pipes);
     if (status != VDX_STATUS_SUCCESS) {
       LOG_DEBUG("[%s] %s: create requested virtual devices failed.\n", __func__, kLabelError);

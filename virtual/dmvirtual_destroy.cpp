@@ -23,9 +23,10 @@ namespace {
 // The frame every changing request shares, after its own root, container and argument
 // checks: the locks, a current configuration, the raise to exclusive just before the work.
 // before_raise runs while the lock is still shared; a non-zero status ends the request.
-template <typename Reinit, typename BeforeRaise, typename Work>
+template <typename Reinit, typename Reload, typename BeforeRaise, typename Work>
 vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, const char* caller,
-                                 Reinit reinit, BeforeRaise before_raise, Work work) {
+                                 Reinit reinit, Reload reload, BeforeRaise before_raise,
+                                 Work work) {
   std::unique_lock<std::shared_mutex> vdevs(vdev_lock);
   FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
   vdxStatus status = reinit();
@@ -40,6 +41,21 @@ vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, cons
   status = before_raise();
   if (status != VDX_STATUS_SUCCESS) return status;
   file_lock.ChangeLockType(FileLocker::kExclusive, false);
+  // Another process may have changed the files before the exclusive lock was had: the work is
+  // done on what is there now.
+  bool changed = false;
+  status = reload(&changed);
+  if (status != VDX_STATUS_SUCCESS) {
+    if (plural)
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
+    else
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
+    return status;
+  }
+  if (changed) {
+    status = before_raise();
+    if (status != VDX_STATUS_SUCCESS) return status;
+  }
   return work();
 }
 
@@ -60,7 +76,9 @@ vdxStatus Dmvirtual::DestroyVirtualDevices(int device_id) {
     std::vector<int> ids;
     return UnderExclusiveFileLock(
         virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
+        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
         [&]() {
+          ids.clear();
           // A physical device holds at most four: more can only be hand-made, and then none
           // is destroyed rather than an arbitrary four.
           for (const virtual_device_info& vdev : virtual_device_lists) {
@@ -112,6 +130,7 @@ vdxStatus Dmvirtual::DestroyVirtualDevice(int vdev_id) {
   try {
     return UnderExclusiveFileLock(
         virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
+        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
         [] { return VDX_STATUS_SUCCESS; },
         [&]() {
           const vdxStatus status = iDestroyVirtualDevice(vdev_id);
@@ -147,6 +166,7 @@ vdxStatus Dmvirtual::UpdateVirtualDevice(int vdev_id, int cu, int mem) {
   try {
     return UnderExclusiveFileLock(
         virtual_device_lock, true, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
+        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
         [] { return VDX_STATUS_SUCCESS; },
         [&]() {
           const vdxStatus status = iUpdateVirtualDevice(vdev_id, cu, mem);

@@ -13,6 +13,8 @@
 // Prints the throughput and a create's latency percentiles, and every violation found; exits
 // 1 when there was one.
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -92,9 +94,19 @@ struct DeviceShape {
   long mib;
 };
 
-// The global invariants, from the files.
+// The global invariants, from the files, read under the shared file lock that every writer
+// excludes: otherwise the files could be read across someone's change, half before and half
+// after it.
 std::vector<std::string> CheckFiles(const std::vector<DeviceShape>& devices) {
   std::vector<std::string> problems;
+  const int lock = open("/tmp/.vdx_virtual.lock", O_RDWR | O_CLOEXEC);
+  if (lock >= 0) flock(lock, LOCK_SH);
+  struct Unlock {
+    int fd;
+    ~Unlock() {
+      if (fd >= 0) close(fd);
+    }
+  } unlock{lock};
   const std::map<int, VdevFile> files = ReadAllFiles(&problems);
   std::map<long, std::vector<const VdevFile*>> by_device;
   for (const auto& [id, f] : files)

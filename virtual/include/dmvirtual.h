@@ -159,6 +159,10 @@ class Dmvirtual {
   // where the read must agree with a writer in another process).
   vdxStatus iInitVirtualDevice();
   vdxStatus iCheckAndReinitVirtualDevice();
+  // For a change that now holds the file lock exclusively: reads the files again whatever the
+  // time stamps say (another process may have changed them between the shared lock and the
+  // exclusive one, the raise not being atomic). *changed: whether the view moved.
+  vdxStatus iReloadUnderExclusiveLock(bool* changed);
   vdxStatus iReleaseVirtualDevice(int vdev_id);
   vdxStatus iGetVirtualDevice(std::string dir, std::string file, virtual_device_info* info);
   vdxStatus iLoadVirtualDeviceInfo(int vdev_id);
