@@ -3,7 +3,9 @@
 // per-device summary of the bound virtual devices. Callers hold virtual_device_lock
 // exclusively (iMergeVirtualDevice: bind_vdev_lock), and the file lock where a read must
 // agree with a writer in another process.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include <algorithm>
@@ -46,6 +48,9 @@ uint32_t PresentVdevIds(const std::string& dir) {
 
 namespace {
 
+// A configuration file is nine short lines; anything much larger is not one.
+constexpr off_t kMaxVdevFileSize = 4096;
+
 // Numbers in the files may be written in any base strtoull knows ("0x" hexadecimal, leading
 // zero octal); the fields are ints.
 uint64_t ParseNumber(const std::string& text) { return strtoull(text.c_str(), nullptr, 0); }
@@ -62,18 +67,34 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
                                        virtual_device_info* info) {
   const std::string path = dir + "/" + file;
   if (!IsDirectoryExist(dir) || !IsFileExist(path)) return VDX_STATUS_VDEV_NOT_EXIST;
-  utils::FileHandle stream(fopen(path.c_str(), "re"));
-  if (!stream) {
+  // Anyone who can write here can plant anything under a file's name: only a regular file of
+  // a sane size is read. No link is followed (a link to an endless device would hang every
+  // process), and a FIFO does not block the open.
+  utils::FdHandle fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (fd.get() < 0) {
     LOG_DEBUG("[%s] %s: failed to open file '%s' - %s.\n", __func__, kLabelError, path.c_str(),
               strerror(errno));
     return VDX_STATUS_ERROR;
   }
+  std::string error;
+  struct stat st;
+  if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+    error = "not a regular file";
+  else if (st.st_size > kMaxVdevFileSize)
+    error = "a size of " + std::to_string(st.st_size) + " bytes";
+  if (!error.empty()) {
+    LOG_DEBUG("[%s] %s: file '%s' has been damaged, due to %s.\n", __func__, kLabelError,
+              path.c_str(), error.c_str());
+    return VDX_STATUS_ERROR;
+  }
+  utils::FileHandle stream(fdopen(fd.get(), "r"));
+  if (!stream) return VDX_STATUS_ERROR;
+  fd.release();
 
   virtual_device_info record{};
   bool enable = false;
   unsigned int domain = 0, bus = 0, device = 0, function = 0;
   int mask_lines = 0;
-  std::string error;
   ForEachLine(stream.get(), [&](const std::string& line) {
     // Only the first key, in this order, that the line holds anywhere counts.
     static const char* const kOrder[] = {"PciBusId:", "cu_mask:", "cu_count:", "mem:",
@@ -94,6 +115,12 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
       return true;
     }
     const std::string& value = parts[1];
+    // The writer never writes a negative number, and no rule about over-commitment is about
+    // one: such a value is damage, not a request.
+    if (strcmp(key, "PciBusId:") != 0 && value[0] == '-') {
+      error += std::string("a negative value for ") + key;
+      return true;
+    }
     if (strcmp(key, "PciBusId:") == 0) {
       if (sscanf(value.c_str(), "%x:%x:%x.%x", &domain, &bus, &device, &function) < 4)
         error += "invalid pci bus id format(" + value;
@@ -121,6 +148,8 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
 
   if (domain == 0 && bus == 0 && device == 0 && function == 0 && error.empty())
     error = "empty pci bus identifier";
+  if (error.empty() && (record.vdev_id < 0 || record.vdev_id >= kMaxVirtualDevices))
+    error = "vdev_id " + std::to_string(record.vdev_id) + " out of range";
   if (!error.empty()) {
     LOG_DEBUG("[%s] %s: file '%s' has been damaged, due to %s.\n", __func__, kLabelError,
               path.c_str(), error.c_str());

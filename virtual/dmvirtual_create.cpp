@@ -206,11 +206,15 @@ vdxStatus Dmvirtual::iCreateVirtualDevices(int device_id, int count, std::vector
   // No rollback: what a failure leaves written stays, and the next reload from the files
   // makes memory agree with the disk again.
   for (int i = 0; i < count; ++i) {
+    // An id whose file name is taken by something a file cannot replace (a directory) is left
+    // alone: the next free id is taken instead.
     int vdev_id = -1;
-    if (iAllocateVdevId(&vdev_id) != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: allocate vdev id failed.\n", __func__, kLabelError);
-      return VDX_STATUS_OUT_OF_RESOURCES;
-    }
+    do {
+      if (iAllocateVdevId(&vdev_id) != VDX_STATUS_SUCCESS) {
+        LOG_DEBUG("[%s] %s: allocate vdev id failed.\n", __func__, kLabelError);
+        return VDX_STATUS_OUT_OF_RESOURCES;
+      }
+    } while (IsDirectoryExist(std::string(kVdevDir) + "/" + VdevFileName(vdev_id)));
     if (free_pipes == 0) {
       LOG_DEBUG("[%s] %s: allocate pipe id failed.\n", __func__, kLabelError);
       return VDX_STATUS_OUT_OF_RESOURCES;

@@ -1,5 +1,6 @@
 // Physical devices, what is left of them, and creating virtual devices, through the shipped
 // library in the simulator (one sandbox per case). Files are checked byte for byte.
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -364,6 +365,55 @@ TEST(WriteFailure, AFullConfigurationStore) {
   TouchConfiguration();
   ASSERT_EQ(Create(0, {2}, {20}), VDX_STATUS_SUCCESS);
   ExpectRemaining(0, 57, 32738);
+}
+
+// Whatever is planted under the files' names costs only its own ids: no crash, no hang, the
+// good file beside it loads and can be changed, and a new virtual device can still be made.
+TEST(HostileFiles, JunkCostsOnlyItsOwnIds) {
+  e2e::ShowDebugLines();
+  WriteVdev(0, VdevFile{});
+  ASSERT_EQ(mkdir("/etc/vdev/vdev1.conf", 0755), 0);
+  std::string binary;
+  for (int i = 0; i < 2560; ++i) binary += static_cast<char>(i % 256);
+  e2e::WriteText("/etc/vdev", "vdev2.conf", binary);
+  std::string huge;
+  while (huge.size() < (1u << 20)) huge += "mem: 5 MiB\n";
+  e2e::WriteText("/etc/vdev", "vdev3.conf", huge);
+  ASSERT_EQ(symlink("/dev/zero", "/etc/vdev/vdev4.conf"), 0);
+  ASSERT_EQ(mkfifo("/etc/vdev/vdev5.conf", 0644), 0);
+  VdevFile big_id;
+  big_id.vdev_id = 40;
+  big_id.pipe_id = 1;
+  big_id.mask_low = 0xff00;
+  WriteVdev(6, big_id);
+  e2e::WriteText("/etc/vdev", "vdev7.conf",
+                 "PciBusId: 0000:03:00.0\ncu_count: 1\nmem: -5 MiB\nvdev_id: 7\nenable: 1\n");
+  ASSERT_EQ(symlink("/etc/vdev/vdev0.conf", "/etc/vdev/vdev8.conf"), 0);
+
+  int count = -1;
+  const std::string out = Stdout([&] { EXPECT_EQ(vdxGetVDeviceCount(&count), VDX_STATUS_SUCCESS); });
+  EXPECT_EQ(count, 1);
+  for (const char* expected : {
+           "vdev1.conf' has been damaged, due to not a regular file.",
+           "vdev2.conf' has been damaged, due to",
+           "vdev3.conf' has been damaged, due to a size of ",
+           "failed to open file '/etc/vdev/vdev4.conf' - Too many levels of symbolic links.",
+           "vdev5.conf' has been damaged, due to not a regular file.",
+           "vdev6.conf' has been damaged, due to vdev_id 40 out of range.",
+           "vdev7.conf' has been damaged, due to a negative value for mem:.",
+           "failed to open file '/etc/vdev/vdev8.conf' - Too many levels of symbolic links."}) {
+    EXPECT_TRUE(Has(out, expected)) << expected << "\n" << out;
+  }
+
+  EXPECT_EQ(vdxUpdateSingleVDevice(0, -1, 2048), VDX_STATUS_SUCCESS);
+  // Id 1 is a directory that no file can replace: the new virtual device takes id 2.
+  ASSERT_EQ(Create(0, {4}, {100}), VDX_STATUS_SUCCESS);
+  EXPECT_TRUE(Has(OnDisk(2), "vdev_id: 2\n")) << OnDisk(2);
+  struct stat st;
+  ASSERT_EQ(stat("/etc/vdev/vdev1.conf", &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  ASSERT_EQ(vdxGetVDeviceCount(&count), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(count, 2);
 }
 
 }  // namespace
