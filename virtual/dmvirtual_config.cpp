@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -53,7 +54,11 @@ constexpr off_t kMaxVdevFileSize = 4096;
 
 // Numbers in the files may be written in any base strtoull knows ("0x" hexadecimal, leading
 // zero octal); the fields are ints.
-uint64_t ParseNumber(const std::string& text) { return strtoull(text.c_str(), nullptr, 0); }
+// errno is ERANGE afterwards when the text overflows 64 bits.
+uint64_t ParseNumber(const std::string& text) {
+  errno = 0;
+  return strtoull(text.c_str(), nullptr, 0);
+}
 int ParseInt(const std::string& text) { return static_cast<int>(ParseNumber(text)); }
 
 // Whether the stamp (seconds, nanoseconds) is at least as new as the file's.
@@ -119,6 +124,12 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
     // one: such a value is damage, not a request.
     if (strcmp(key, "PciBusId:") != 0 && value[0] == '-') {
       error += std::string("a negative value for ") + key;
+      return true;
+    }
+    // Nor a number too large for its field, which would wrap to a negative one or another id.
+    if (strcmp(key, "PciBusId:") != 0 && strcmp(key, "cu_mask:") != 0 &&
+        (ParseNumber(value) > static_cast<uint64_t>(INT_MAX) || errno == ERANGE)) {
+      error += std::string("a value out of range for ") + key;
       return true;
     }
     if (strcmp(key, "PciBusId:") == 0) {

@@ -74,6 +74,9 @@ class DmvirtualPeer {
     return dm_.iCheckAndGetVirtualDeviceInfo(id, info);
   }
   vdxStatus InitSysGroup() { return dm_.iInitSysGroup(); }
+  vdxStatus GroupInfo(const std::string& path, sys_group_info* info) {
+    return dm_.iSysGetGroupInfo(path, info);
+  }
   vdxStatus RunVdevMode() {
     std::unique_lock<std::shared_mutex> lock(dm_.bind_vdev_lock);
     return dm_.iRunProcessVdevMode();

@@ -1,0 +1,92 @@
+// Fuzz targets of the two readers of files that anyone with write access can shape: a
+// virtual device's configuration file and a driver group's entry file. ctest replays the
+// corpora beside this file (under the sanitizers in CI). To search for new inputs, build it
+// with libFuzzer and -DZOVDX_FUZZ_GROUP for the group reader:
+//
+//   clang++ -std=c++17 -g -fsanitize=fuzzer,address,undefined -I. -Ivirtual/include
+//       tests/virtual/fuzz/config_fuzz.cpp build/libzovdx_internal.a -o config_fuzz
+//
+// A reader may refuse anything; it must never crash, hang or accept a record that breaks
+// what the rest of the manager relies on.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+
+#include "tests/virtual/dmvirtual_peer.h"
+
+namespace {
+
+const std::string& Scratch() {
+  static const std::string dir = [] {
+    char pattern[] = "/tmp/zovdx-config-fuzz-XXXXXX";
+    return std::string(mkdtemp(pattern));
+  }();
+  return dir;
+}
+
+void WriteInput(const std::string& path, const uint8_t* data, size_t size) {
+  FILE* file = fopen(path.c_str(), "wbe");
+  if (file == nullptr) abort();
+  if (size > 0 && fwrite(data, 1, size, file) != size) abort();
+  fclose(file);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Dmvirtual dm;
+  static DmvirtualPeer* peer = [] {
+    auto* p = new DmvirtualPeer(dm);
+    p->AddDevice(0x03, 60, 32768);
+    p->AddDevice(0x04, 64, 16384);
+    return p;
+  }();
+  const std::string path = Scratch() + "/input";
+  WriteInput(path, data, size);
+#ifdef ZOVDX_FUZZ_GROUP
+  sys_group_info group{7, 7};
+  try {
+    if (peer->GroupInfo(path, &group) != VDX_STATUS_SUCCESS) abort();  // the file is there
+  } catch (const std::out_of_range&) {
+    // A matching line without its value: reported to the caller, as the reader promises.
+  }
+#else
+  virtual_device_info info{};
+  const vdxStatus status = peer->GetVirtualDevice(Scratch(), "input", &info);
+  if (status == VDX_STATUS_SUCCESS) {
+    // What the manager relies on in every record it loads.
+    if (info.vdev_id < 0 || info.vdev_id > 31 || info.cuCount < 0 || info.memLimit < 0 ||
+        info.pipe_id < 0 || info.device_id < 0 || info.device_id > 1)
+      abort();
+  } else if (status != VDX_STATUS_ERROR) {
+    abort();
+  }
+#endif
+  return 0;
+}
+
+#ifdef ZOVDX_FUZZ_REPLAY
+#include <vector>
+
+int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    FILE* file = fopen(argv[i], "rbe");
+    if (file == nullptr) {
+      perror(argv[i]);
+      return 1;
+    }
+    std::vector<uint8_t> data;
+    uint8_t buffer[4096];
+    size_t got;
+    while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) data.insert(data.end(), buffer, buffer + got);
+    fclose(file);
+    LLVMFuzzerTestOneInput(data.data(), data.size());
+  }
+  printf("replayed %d inputs\n", argc - 1);
+  return 0;
+}
+#endif
