@@ -8,7 +8,8 @@
 // virtual device it was told it created, and did not destroy, must still hold its tag.
 //
 //   storm [--processes P] [--requests R] [--seed S] [--machine FILE]
-//   storm --inner P R S          (inside a sandbox) the storm itself
+//   storm --crashes KILLS [--seed S]   the crash loop instead (below)
+//   storm --inner P R S          (inside a sandbox) the storm itself (P 0: the crash loop)
 //
 // Prints the throughput and a create's latency percentiles, and every violation found; exits
 // 1 when there was one.
@@ -232,6 +233,8 @@ double Percentile(std::vector<double> v, double p) {
   return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
 }
 
+int Crashes(int kills, unsigned seed, const std::vector<DeviceShape>& devices);
+
 int Inner(int processes, int requests, unsigned seed) {
   int count = 0;
   if (vdxGetDeviceCount(&count) != VDX_STATUS_SUCCESS || count < 1) {
@@ -244,6 +247,7 @@ int Inner(int processes, int requests, unsigned seed) {
     vdxGetDeviceInfo(d, &info);
     devices.push_back({info.compute_unit_count, static_cast<long>(info.global_mem_size >> 20)});
   }
+  if (processes == 0) return Crashes(requests, seed, devices);
   printf("storm: %d processes x %d requests on %d devices, seed %u\n", processes, requests, count, seed);
   fflush(stdout);
 
@@ -319,6 +323,57 @@ int Inner(int processes, int requests, unsigned seed) {
   return total.violations + sample_problems + final_problems + disagreements == 0 ? 0 : 1;
 }
 
+// The crash loop: a process that creates, updates and destroys without pause is killed with
+// SIGKILL at a random instant, times over; after each kill every file parses or is absent,
+// nothing but vdev<N>.conf counts, and a fresh process agrees with the files.
+int Crashes(int kills, unsigned seed, const std::vector<DeviceShape>& devices) {
+  std::mt19937 random(seed);
+  long problems = 0;
+  for (int kill_round = 0; kill_round < kills; ++kill_round) {
+    const unsigned child_seed = static_cast<unsigned>(random());
+    const pid_t busy = fork();
+    if (busy == 0) {
+      std::mt19937 r(child_seed);
+      for (;;) {
+        int units = static_cast<int>(r() % 4);
+        int mib = 1 + static_cast<int>(r() % 1000);
+        const int id = static_cast<int>(r() % 8);
+        switch (r() % 3) {
+          case 0: vdxCreateVDevices(static_cast<int>(r() % devices.size()), 1, &units, &mib); break;
+          case 1: vdxUpdateSingleVDevice(id, static_cast<int>(r() % 3), mib); break;
+          default: vdxDestroySingleVDevice(id); break;
+        }
+      }
+    }
+    usleep(static_cast<useconds_t>(random() % 3000));
+    kill(busy, SIGKILL);
+    waitpid(busy, nullptr, 0);
+    for (const std::string& p : CheckFiles(devices)) {
+      fprintf(stderr, "storm: VIOLATION after kill %d: %s\n", kill_round, p.c_str());
+      ++problems;
+    }
+    if (kill_round % 10 == 9 || kill_round == kills - 1) {
+      const pid_t fresh = fork();
+      if (fresh == 0) {
+        execl("/proc/self/exe", "storm", "--agree", nullptr);
+        _exit(127);
+      }
+      int status = 0;
+      waitpid(fresh, &status, 0);
+      if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++problems;
+    }
+  }
+  // Proof that kills landed in the middle of writes: the temporary files they cut short.
+  int temporaries = 0;
+  if (DIR* dir = opendir("/etc/vdev")) {
+    while (const dirent* entry = readdir(dir)) temporaries += strstr(entry->d_name, ".tmp-") != nullptr;
+    closedir(dir);
+  }
+  printf("storm: %d kills, %ld violations, %d writes cut short (their temporary files ignored)\n",
+         kills, problems, temporaries);
+  return problems == 0 ? 0 : 1;
+}
+
 // A fresh process: the library's count and answers agree with the files.
 int Agree() {
   std::vector<std::string> problems;
@@ -358,8 +413,10 @@ int main(int argc, char** argv) {
     else if (option == "--requests") requests = argv[i + 1];
     else if (option == "--seed") seed = argv[i + 1];
     else if (option == "--machine") machine = argv[i + 1];
+    else if (option == "--crashes") processes = "0", requests = argv[i + 1];
     else {
-      fprintf(stderr, "usage: storm [--processes P] [--requests R] [--seed S] [--machine FILE]\n");
+      fprintf(stderr, "usage: storm [--processes P] [--requests R | --crashes KILLS] [--seed S] "
+                      "[--machine FILE]\n");
       return 2;
     }
   }
