@@ -5,8 +5,11 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <set>
+#include <thread>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -373,6 +376,37 @@ TEST(StartStop, ADestroyedInstanceIsNotTornDownAgainAtExit) {
   ASSERT_EQ(vdxDestroySingleVDevice(0), VDX_STATUS_SUCCESS);
   ASSERT_EQ(vdxUpdateSingleVDevice(1, -1, 50), VDX_STATUS_SUCCESS);
   EXPECT_TRUE(peer.created().empty());
+}
+
+// Threads of one process calling the library at once: the gate serialises them, and what they
+// leave is consistent (the ThreadSanitizer build runs this too).
+TEST(Threads, ManyThreadsCallTheLibraryAtOnce) {
+  std::atomic<int> created{0}, destroyed{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([t, &created, &destroyed] {
+      for (int i = 0; i < 40; ++i) {
+        int units = 1;
+        int mib = 1 + t * 100 + i;
+        if (vdxCreateVDevices(t % 2, 1, &units, &mib) == VDX_STATUS_SUCCESS) ++created;
+        int count = 0;
+        vdxGetVDeviceCount(&count);
+        vdxDeviceInfo info;
+        vdxGetVDeviceInfo((t + i) % 32, &info);
+        size_t cus = 0, bytes = 0;
+        vdxGetDeviceRemainingInfo(t % 2, &cus, &bytes);
+        if (vdxDestroySingleVDevice((t * 7 + i) % 32) == VDX_STATUS_SUCCESS) ++destroyed;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  int count = -1;
+  ASSERT_EQ(vdxGetVDeviceCount(&count), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(count, created - destroyed);
+  EXPECT_GT(created.load(), 0);
+  DmvirtualPeer peer(Dmvirtual::Instance());
+  std::set<int> ids;
+  for (const virtual_device_info& vdev : peer.vdevs()) EXPECT_TRUE(ids.insert(vdev.vdev_id).second);
 }
 
 }  // namespace
