@@ -9,6 +9,7 @@
 //
 //   storm [--processes P] [--requests R] [--seed S] [--machine FILE]
 //   storm --crashes KILLS [--seed S]   the crash loop instead (below)
+//   storm --faults 1                   the write faults instead (below)
 //   storm --inner P R S          (inside a sandbox) the storm itself (P 0: the crash loop)
 //
 // Prints the throughput and a create's latency percentiles, and every violation found; exits
@@ -17,6 +18,8 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -234,6 +237,7 @@ double Percentile(std::vector<double> v, double p) {
 }
 
 int Crashes(int kills, unsigned seed, const std::vector<DeviceShape>& devices);
+int Faults(const std::vector<DeviceShape>& devices, const std::string& shim);
 
 int Inner(int processes, int requests, unsigned seed) {
   int count = 0;
@@ -248,6 +252,7 @@ int Inner(int processes, int requests, unsigned seed) {
     devices.push_back({info.compute_unit_count, static_cast<long>(info.global_mem_size >> 20)});
   }
   if (processes == 0) return Crashes(requests, seed, devices);
+  if (processes < 0) return Faults(devices, FAULT_SHIM);
   printf("storm: %d processes x %d requests on %d devices, seed %u\n", processes, requests, count, seed);
   fflush(stdout);
 
@@ -374,6 +379,120 @@ int Crashes(int kills, unsigned seed, const std::vector<DeviceShape>& devices) {
   return problems == 0 ? 0 : 1;
 }
 
+// Write faults, SQLite's way: the request (create, update or destroy) runs in a fresh process
+// whose N-th file operation on the configuration or the lock file fails (the preload library
+// beside this program), for N = 1, 2, ... until the request makes fewer than N. After each:
+// the status is success or the generic error, the files hold their invariants, no temporary
+// file is left, and the process kept no descriptor and no lock.
+void WriteBase() {
+  mkdir("/etc/vdev", 0755);
+  if (DIR* dir = opendir("/etc/vdev")) {
+    while (const dirent* entry = readdir(dir))
+      if (entry->d_name[0] != '.' || strstr(entry->d_name, ".tmp-") != nullptr)
+        unlink((std::string("/etc/vdev/") + entry->d_name).c_str());
+    closedir(dir);
+  }
+  const char* base[] = {
+      "PciBusId: 0000:03:00.0\ncu_mask: 0x000000000000000f\ncu_mask: 0x0000000000000000\n"
+      "cu_count: 4\nmem: 100 MiB\ndevice_id: 0\nvdev_id: 0\npipe_id: 0\nenable: 1\n",
+      "PciBusId: 0000:04:00.0\ncu_mask: 0x000000000000000f\ncu_mask: 0x0000000000000000\n"
+      "cu_count: 4\nmem: 200 MiB\ndevice_id: 1\nvdev_id: 1\npipe_id: 0\nenable: 1\n"};
+  for (int id = 0; id < 2; ++id) {
+    std::ofstream out("/etc/vdev/vdev" + std::to_string(id) + ".conf", std::ios::trunc);
+    out << base[id];
+  }
+}
+
+int CountDescriptors() {
+  int count = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (readdir(dir) != nullptr) ++count;
+    closedir(dir);
+  }
+  return count;
+}
+
+// In the faulted process: one request; exit status 0 or 1 for the library's status, 90 a
+// status that is neither, 91 a descriptor left open, 92 the lock still held.
+int FaultRequest(const std::string& request) {
+  int count = 0;
+  vdxGetVDeviceCount(&count);  // the library starts before the counted request
+  const int descriptors = CountDescriptors();
+  vdxStatus status = VDX_STATUS_UNKNOWN_ERROR;
+  if (request == "create") {
+    int units = 2, mib = 300;
+    status = vdxCreateVDevices(0, 1, &units, &mib);
+  } else if (request == "update") {
+    status = vdxUpdateSingleVDevice(0, 2, 150);
+  } else {
+    status = vdxDestroySingleVDevice(1);
+  }
+  if (status != VDX_STATUS_SUCCESS && status != VDX_STATUS_ERROR) return 90;
+  if (CountDescriptors() != descriptors) return 91;
+  // Bypassing the counting library: is the lock free?
+  const int lock = static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/tmp/.vdx_virtual.lock", O_RDWR | O_CLOEXEC));
+  const bool free_lock = lock >= 0 && syscall(SYS_flock, lock, LOCK_EX | LOCK_NB) == 0;
+  if (lock >= 0) syscall(SYS_close, lock);
+  if (!free_lock) return 92;
+  return status;
+}
+
+int Faults(const std::vector<DeviceShape>& devices, const std::string& shim) {
+  long problems = 0;
+  for (const std::string request : {"create", "update", "destroy"}) {
+    int failures = 0;
+    for (int n = 1; n < 500; ++n) {
+      WriteBase();
+      unlink("/tmp/storm-op-count");
+      const pid_t child = fork();
+      if (child == 0) {
+        std::string preload = shim;
+        if (const char* rest = getenv("LD_PRELOAD")) preload += std::string(":") + rest;
+        setenv("LD_PRELOAD", preload.c_str(), 1);
+        setenv("ZOVDX_FAIL_FILE_OP", std::to_string(n).c_str(), 1);
+        setenv("ZOVDX_FILE_OP_COUNT", "/tmp/storm-op-count", 1);
+        execl("/proc/self/exe", "storm", "--fault-request", request.c_str(), nullptr);
+        _exit(127);
+      }
+      int status = 0;
+      waitpid(child, &status, 0);
+      const int result = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+      if (result != 0 && result != 1) {
+        fprintf(stderr, "storm: VIOLATION %s with operation %d failing: result %d\n",
+                request.c_str(), n, result);
+        ++problems;
+      }
+      if (result == 1) ++failures;
+      for (const std::string& p : CheckFiles(devices)) {
+        fprintf(stderr, "storm: VIOLATION %s with operation %d failing: %s\n", request.c_str(),
+                n, p.c_str());
+        ++problems;
+      }
+      if (DIR* dir = opendir("/etc/vdev")) {
+        while (const dirent* entry = readdir(dir))
+          if (strstr(entry->d_name, ".tmp-") != nullptr) {
+            fprintf(stderr, "storm: VIOLATION %s with operation %d failing left %s\n",
+                    request.c_str(), n, entry->d_name);
+            ++problems;
+          }
+        closedir(dir);
+      }
+      std::ifstream counted("/tmp/storm-op-count");
+      long operations = 0;
+      counted >> operations;
+      if (operations < n) {
+        printf("storm: %s makes %ld file operations; each failing in turn gave %d errors and %s\n",
+               request.c_str(), operations, failures,
+               result == 0 ? "then success" : "no success at the end");
+        if (result != 0) ++problems;
+        break;
+      }
+    }
+  }
+  printf("storm: write faults, %ld violations\n", problems);
+  return problems == 0 ? 0 : 1;
+}
+
 // A fresh process: the library's count and answers agree with the files.
 int Agree() {
   std::vector<std::string> problems;
@@ -402,6 +521,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (argc == 2 && strcmp(argv[1], "--agree") == 0) return Agree();
+  if (argc == 3 && strcmp(argv[1], "--fault-request") == 0) return FaultRequest(argv[2]);
   if (argc == 5 && strcmp(argv[1], "--inner") == 0)
     return Inner(atoi(argv[2]), atoi(argv[3]), static_cast<unsigned>(strtoul(argv[4], nullptr, 10)));
 
@@ -414,6 +534,7 @@ int main(int argc, char** argv) {
     else if (option == "--seed") seed = argv[i + 1];
     else if (option == "--machine") machine = argv[i + 1];
     else if (option == "--crashes") processes = "0", requests = argv[i + 1];
+    else if (option == "--faults") processes = "-1", requests = argv[i + 1];
     else {
       fprintf(stderr, "usage: storm [--processes P] [--requests R | --crashes KILLS] [--seed S] "
                       "[--machine FILE]\n");
