@@ -1,7 +1,7 @@
 // vdxctl and vdxd as a user runs them, in the simulator (one sandbox per case): every command
 // in its formats, exit codes and refusals, the JSON checked against the driver and the files;
 // vdxd's restore, following of changes, stop on request, clean exit and metrics page; the CDI
-// specification applied to a process in a private mount namespace.
+// document's edits applied to a process in a private mount namespace.
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -337,14 +337,14 @@ TEST(Vdxd, MetricsPage) {
 TEST(Cdi, TheEditsBindAProcessToItsVirtualDevices) {
   ASSERT_EQ(Vdxctl("create 0 --units 8,4 --memory 1024,2048").exit, 0);
   ASSERT_EQ(Vdxctl("cdi generate --output /tmp/vdev.json").exit, 0);
-  const json spec = json::parse(Slurp("/tmp/vdev.json"));
-  EXPECT_EQ(spec["cdiVersion"], "0.6.0");
-  EXPECT_EQ(spec["kind"], "zovdx.dev/vdev");
-  ASSERT_EQ(spec["devices"].size(), 3u);
-  EXPECT_EQ(spec["devices"][2]["name"], "all");
-  EXPECT_EQ(spec["devices"][2]["containerEdits"]["mounts"].size(), 2u);
-  const json& edits = spec["devices"][1]["containerEdits"];
-  EXPECT_EQ(spec["devices"][1]["name"], "1");
+  const json cdi = json::parse(Slurp("/tmp/vdev.json"));
+  EXPECT_EQ(cdi["cdiVersion"], "0.6.0");
+  EXPECT_EQ(cdi["kind"], "zovdx.dev/vdev");
+  ASSERT_EQ(cdi["devices"].size(), 3u);
+  EXPECT_EQ(cdi["devices"][2]["name"], "all");
+  EXPECT_EQ(cdi["devices"][2]["containerEdits"]["mounts"].size(), 2u);
+  const json& edits = cdi["devices"][1]["containerEdits"];
+  EXPECT_EQ(cdi["devices"][1]["name"], "1");
   EXPECT_EQ(edits["deviceNodes"][0]["path"], "/dev/mkfd");
   ASSERT_EQ(edits["mounts"].size(), 1u);
 
