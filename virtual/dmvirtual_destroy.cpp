@@ -67,11 +67,7 @@ vdxStatus Dmvirtual::DestroyVirtualDevices(int device_id) {
               kLabelError);
     return VDX_STATUS_PERMISSION;
   }
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  if (iRefusedInContainer(__func__)) return VDX_STATUS_NOT_SUPPORTED;
   try {
     std::vector<int> ids;
     return UnderExclusiveFileLock(
@@ -118,11 +114,7 @@ vdxStatus Dmvirtual::DestroyVirtualDevice(int vdev_id) {
               kLabelError);
     return VDX_STATUS_PERMISSION;
   }
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  if (iRefusedInContainer(__func__)) return VDX_STATUS_NOT_SUPPORTED;
   if (vdev_id > kMaxVirtualDevices - 1) {
     LOG_DEBUG("[%s] %s: The virtual device id exceeds the upper limit.\n", __func__, kLabelError);
     return VDX_STATUS_ERROR;

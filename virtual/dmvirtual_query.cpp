@@ -62,11 +62,7 @@ vdxStatus Dmvirtual::GetVirualDeviceCount(int* count) {
 vdxStatus Dmvirtual::GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info) {
   if (info == nullptr || vdev_id < 0 || vdev_id >= kMaxVirtualDevices)
     return VDX_STATUS_INVALID_ARGUMENTS;
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  if (iRefusedInContainer(__func__)) return VDX_STATUS_NOT_SUPPORTED;
   try {
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
     virtual_device_info vdev;
@@ -178,6 +174,20 @@ vdxStatus Dmvirtual::iStartStopFrame(const char* caller, int* vdev_ids, int coun
   return VDX_STATUS_SUCCESS;
 }
 
+bool Dmvirtual::iRefusedInContainer(const char* caller) const {
+  if (!is_docker_virtual_env) return false;
+  LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n", caller,
+            kLabelError);
+  return true;
+}
+
+bool Dmvirtual::iRefusedUnderMig(const char* caller) const {
+  if (system_mode != SYSTEM_MODE_MIG) return false;
+  LOG_DEBUG("[%s] %s: mig mode has been enabled, which is not compatible with virtual.\n", caller,
+            kLabelError);
+  return true;
+}
+
 vdxStatus Dmvirtual::StartVirtualDevice(int* vdev_ids, int count) {
   return iStartOrStop(true, __func__, vdev_ids, count);
 }
@@ -187,16 +197,8 @@ vdxStatus Dmvirtual::StopVirtualDevice(int* vdev_ids, int count) {
 }
 
 vdxStatus Dmvirtual::iStartOrStop(bool start, const char* caller, int* vdev_ids, int count) {
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
-              caller, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
-  if (system_mode == SYSTEM_MODE_MIG) {
-    LOG_DEBUG("[%s] %s: mig mode has been enabled, which is not compatible with virtual.\n",
-              caller, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  if (iRefusedInContainer(caller)) return VDX_STATUS_NOT_SUPPORTED;
+  if (iRefusedUnderMig(caller)) return VDX_STATUS_NOT_SUPPORTED;
   try {
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
     std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
@@ -235,11 +237,7 @@ vdxStatus Dmvirtual::iStartOrStop(bool start, const char* caller, int* vdev_ids,
 }
 
 vdxStatus Dmvirtual::GetDevBusyPercent(int index, int* percent) {
-  if (system_mode == SYSTEM_MODE_MIG) {
-    LOG_DEBUG("[%s] %s: mig mode has been enabled, which is not compatible with virtual.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  if (iRefusedUnderMig(__func__)) return VDX_STATUS_NOT_SUPPORTED;
   int count = 0;
   GetDeviceCount(&count);
   if (percent == nullptr || index < 0 || index >= count) return VDX_STATUS_INVALID_ARGUMENTS;
@@ -301,17 +299,9 @@ vdxStatus Dmvirtual::GetDevBusyPercent(int index, int* percent) {
 }
 
 vdxStatus Dmvirtual::GetVDevBusyPercent(int vdev_id, int* percent) {
-  if (system_mode == SYSTEM_MODE_MIG) {
-    LOG_DEBUG("[%s] %s: mig mode has been enabled, which is not compatible with virtual.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  if (iRefusedUnderMig(__func__)) return VDX_STATUS_NOT_SUPPORTED;
   if (percent == nullptr || vdev_id < 0) return VDX_STATUS_INVALID_ARGUMENTS;
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n",
-              __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  if (iRefusedInContainer(__func__)) return VDX_STATUS_NOT_SUPPORTED;
   try {
     iInitSysGroup();
     if (iAnySysGroup()) {

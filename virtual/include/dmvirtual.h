@@ -149,6 +149,10 @@ class Dmvirtual {
   vdxStatus iRunProcessVdevMode();
   // Driver instances; caller holds virtual_device_lock.
   vdxStatus iCreateVdev(int vdev_id);
+  // The refusals many entry points share: true (and the refusal logged under caller's name)
+  // when this process runs inside a container, or when the devices are in MIG mode.
+  bool iRefusedInContainer(const char* caller) const;
+  bool iRefusedUnderMig(const char* caller) const;
   // The checks start and stop share, under their locks: a current configuration, the list,
   // no group, every id configured. *request: the set of ids asked for.
   vdxStatus iStartStopFrame(const char* caller, int* vdev_ids, int count, uint32_t* request);
