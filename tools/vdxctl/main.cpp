@@ -45,55 +45,36 @@ int Fail(const std::string& what, vdxStatus status) {
 
 void PrintJson(const nlohmann::json& j) { printf("%s\n", j.dump(2).c_str()); }
 
-int Devices(Format format) {
-  std::vector<vdxtool::DeviceView> devices;
-  const vdxStatus status = vdxtool::ListDevices(&devices);
-  if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
-  if (format == Format::kJson) {
-    nlohmann::json j = {{"schema", vdxctl::kJsonSchema}, {"devices", nlohmann::json::array()}};
-    for (const auto& d : devices) j["devices"].push_back(vdxctl::ToJson(d));
-    PrintJson(j);
-  } else {
-    vdxctl::PrintRows(vdxctl::DeviceRows(devices, format), format);
-  }
-  return 0;
-}
-
-int Vdevs(Format format) {
-  std::vector<vdxtool::VdevView> vdevs;
-  const vdxStatus status = vdxtool::ListVdevs(&vdevs);
-  if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
-  if (format == Format::kJson) {
-    nlohmann::json j = {{"schema", vdxctl::kJsonSchema},
-                        {"virtual_devices", nlohmann::json::array()}};
-    for (const auto& v : vdevs) j["virtual_devices"].push_back(vdxctl::ToJson(v));
-    PrintJson(j);
-  } else {
-    vdxctl::PrintRows(vdxctl::VdevRows(vdevs, format), format);
-  }
-  return 0;
-}
-
-int List(Format format) {
+// devices, vdevs and list: the physical devices, the virtual devices, or both. In JSON both
+// arrays sit in one document; as tables (or CSV blocks) the devices come first, then an empty
+// line, then the virtual devices.
+int Show(bool with_devices, bool with_vdevs, Format format) {
   std::vector<vdxtool::DeviceView> devices;
   std::vector<vdxtool::VdevView> vdevs;
-  vdxStatus status = vdxtool::ListDevices(&devices);
-  if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
-  status = vdxtool::ListVdevs(&vdevs);
-  if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+  if (with_devices) {
+    const vdxStatus status = vdxtool::ListDevices(&devices);
+    if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
+  }
+  if (with_vdevs) {
+    const vdxStatus status = vdxtool::ListVdevs(&vdevs);
+    if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+  }
   if (format == Format::kJson) {
-    nlohmann::json j = {{"schema", vdxctl::kJsonSchema},
-                        {"devices", nlohmann::json::array()},
-                        {"virtual_devices", nlohmann::json::array()}};
-    for (const auto& d : devices) j["devices"].push_back(vdxctl::ToJson(d));
-    for (const auto& v : vdevs) j["virtual_devices"].push_back(vdxctl::ToJson(v));
+    nlohmann::json j = {{"schema", vdxctl::kJsonSchema}};
+    if (with_devices) {
+      j["devices"] = nlohmann::json::array();
+      for (const auto& d : devices) j["devices"].push_back(vdxctl::ToJson(d));
+    }
+    if (with_vdevs) {
+      j["virtual_devices"] = nlohmann::json::array();
+      for (const auto& v : vdevs) j["virtual_devices"].push_back(vdxctl::ToJson(v));
+    }
     PrintJson(j);
     return 0;
   }
-  // Two tables (or two CSV blocks), the devices first, separated by an empty line.
-  vdxctl::PrintRows(vdxctl::DeviceRows(devices, format), format);
-  printf("\n");
-  vdxctl::PrintRows(vdxctl::VdevRows(vdevs, format), format);
+  if (with_devices) vdxctl::PrintRows(vdxctl::DeviceRows(devices, format), format);
+  if (with_devices && with_vdevs) printf("\n");
+  if (with_vdevs) vdxctl::PrintRows(vdxctl::VdevRows(vdevs, format), format);
   return 0;
 }
 
@@ -292,9 +273,9 @@ int main(int argc, char** argv) {
     if (status != VDX_STATUS_SUCCESS) return Fail("log level", status);
   }
 
-  if (devices->parsed()) return Devices(format);
-  if (vdevs->parsed()) return Vdevs(format);
-  if (list->parsed()) return List(format);
+  if (devices->parsed()) return Show(true, false, format);
+  if (vdevs->parsed()) return Show(false, true, format);
+  if (list->parsed()) return Show(true, true, format);
   if (create->parsed()) return Create(device, count, units, memory);
   if (update->parsed()) {
     const vdxStatus status = vdxUpdateSingleVDevice(vdev, new_units, new_memory);
