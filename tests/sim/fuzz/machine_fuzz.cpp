@@ -34,5 +34,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 }
 
 #ifdef ZOVDX_FUZZ_REPLAY
-#include "replay_main.h"
+#include "tests/fuzz/replay_main.h"
 #endif

@@ -70,23 +70,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 }
 
 #ifdef ZOVDX_FUZZ_REPLAY
-#include <vector>
-
-int main(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    FILE* file = fopen(argv[i], "rbe");
-    if (file == nullptr) {
-      perror(argv[i]);
-      return 1;
-    }
-    std::vector<uint8_t> data;
-    uint8_t buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) data.insert(data.end(), buffer, buffer + got);
-    fclose(file);
-    LLVMFuzzerTestOneInput(data.data(), data.size());
-  }
-  printf("replayed %d inputs\n", argc - 1);
-  return 0;
-}
+#include "tests/fuzz/replay_main.h"
 #endif

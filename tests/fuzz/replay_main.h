@@ -1,7 +1,7 @@
 // main() of a fuzz target's replay build: runs the target on each file named on the
 // command line, so that ctest replays the corpus on every run.
-#ifndef ZOVDX_TESTS_SIM_FUZZ_REPLAY_MAIN_H_
-#define ZOVDX_TESTS_SIM_FUZZ_REPLAY_MAIN_H_
+#ifndef ZOVDX_TESTS_FUZZ_REPLAY_MAIN_H_
+#define ZOVDX_TESTS_FUZZ_REPLAY_MAIN_H_
 
 #include <cstdio>
 #include <fstream>
@@ -22,4 +22,4 @@ int main(int argc, char** argv) {
   return 0;
 }
 
-#endif  // ZOVDX_TESTS_SIM_FUZZ_REPLAY_MAIN_H_
+#endif  // ZOVDX_TESTS_FUZZ_REPLAY_MAIN_H_
