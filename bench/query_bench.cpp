@@ -62,7 +62,7 @@ void Report(const char* query, double library_us, const char* floor, double floo
 
 // The lock file as every configuration reader takes it.
 void SharedLock() {
-  const int fd = open("/tmp/.vdx_virtual.lock", O_RDWR | O_CLOEXEC);
+  const int fd = open("/run/zovdx/vdx_virtual.lock", O_RDWR | O_CLOEXEC);
   flock(fd, LOCK_SH);
   close(fd);
 }

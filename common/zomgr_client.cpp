@@ -1,7 +1,9 @@
 // The framed protocol client of the host device-manager service.
 #include "common/zomgr_client.h"
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -56,6 +58,11 @@ int ConnectServerInternal(int* socket_fd, bool print_error, bool /*is_docker*/,
     return -1;
   }
 
+  // A service that accepts nothing (a full backlog) must not hold the caller forever: connect
+  // and send wait at most this long.
+  const struct timeval silence = {kServiceSilenceMs / 1000, (kServiceSilenceMs % 1000) * 1000};
+  setsockopt(*socket_fd, SOL_SOCKET, SO_SNDTIMEO, &silence, sizeof(silence));
+
   // An abstract address: a leading zero byte, then the name without a terminating zero.
   struct sockaddr_un address;
   memset(&address, 0, sizeof(address));
@@ -70,6 +77,17 @@ int ConnectServerInternal(int* socket_fd, bool print_error, bool /*is_docker*/,
   if (rc != 0) {
     const int err = errno;
     ZOMGR_REPORT(print_error, "Connect service failed: %s\n", strerror(err));
+    close(*socket_fd);
+    *socket_fd = -1;
+    return -1;
+  }
+  // The name is free for anyone to bind while the service is down: only a listener that
+  // runs as root is the service.
+  struct ucred peer;
+  socklen_t peer_length = sizeof(peer);
+  if (getsockopt(*socket_fd, SOL_SOCKET, SO_PEERCRED, &peer, &peer_length) != 0 ||
+      peer.uid != 0) {
+    ZOMGR_REPORT(print_error, "Connect service failed: %s\n", strerror(EPERM));
     close(*socket_fd);
     *socket_fd = -1;
     return -1;
@@ -181,9 +199,19 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
   size_t frame_size = 0;
   Command* frame = nullptr;
   for (;;) {
-    const ssize_t n = recv(socket_fd, buffer + fill, limit - fill, 0);
+    // A service that falls silent ends the wait, not the caller.
+    struct pollfd ready = {socket_fd, POLLIN, 0};
+    const int polled = poll(&ready, 1, kServiceSilenceMs);
+    if (polled < 0 && errno == EINTR) continue;
+    if (polled <= 0) {
+      const int err = polled == 0 ? ETIMEDOUT : errno;
+      ZOMGR_REPORT(print_error, "Revice command failed: %s\n", strerror(err));
+      free(frame);
+      return -1;
+    }
+    const ssize_t n = recv(socket_fd, buffer + fill, limit - fill, MSG_DONTWAIT);
     if (n < 0) {
-      if (errno == EINTR) continue;
+      if (errno == EINTR || errno == EAGAIN) continue;
       const int err = errno;
       ZOMGR_REPORT(print_error, "Revice command failed: %s\n", strerror(err));
       free(frame);
@@ -200,7 +228,7 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
       Command header;
       memcpy(&header, staging, kHeaderSize);
       if (header.header != kCommandMagic || header.from_type != FROM_TYPE_SERVER ||
-          header.data_size < 0) {
+          header.data_size < 0 || header.data_size > kMaxReplyPayload) {
         ZOMGR_REPORT(print_error, "The received command is illegal\n");
         return -1;
       }

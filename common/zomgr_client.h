@@ -106,6 +106,13 @@ enum SrvStatus : int32_t {
 
 constexpr int32_t kCommandMagic = 0x7A6F6D63;  // "cmoz" in memory order
 
+// No reply of the service comes near this size; a header that announces more is refused
+// before anything is allocated for it.
+constexpr int32_t kMaxReplyPayload = 1 << 20;
+// How long the client waits for the service: silence this long (in milliseconds) ends a
+// connect, a send or a reply with a failure.
+constexpr int kServiceSilenceMs = 3000;
+
 // One frame: a 16-byte header and data_size payload bytes, little-endian, packed.
 struct Command {
   int32_t header;
@@ -118,7 +125,8 @@ struct Command {
 static_assert(sizeof(Command) == 16, "the frame header is 16 bytes on the wire");
 
 // 0 with *socket_fd connected, -1 with *socket_fd -1. With is_driver_exist the driver's
-// socket is tried first. is_docker is accepted and not used.
+// socket is tried first. is_docker is accepted and not used. Anyone may bind the service's
+// abstract name while the service is down: a peer there is accepted only when it runs as root.
 int ConnectServer(int* socket_fd, bool is_docker, bool is_driver_exist);
 int ConnectServerQuiet(int* socket_fd, bool is_docker, bool is_driver_exist);
 int ConnectServerInternal(int* socket_fd, bool print_error, bool is_docker, bool is_driver_exist);
@@ -135,7 +143,8 @@ int SendCommandQuiet(CommandType type, char* data, int size, int socket_fd);
 int SendCommandInternal(CommandType type, char* data, int size, int socket_fd, bool print_error);
 
 // Receives one reply frame into a calloc'ed buffer that the caller frees. 0 with *cmd set;
-// -1 for a broken, foreign, error or invalid-command reply (nothing to free).
+// -1 for a broken, foreign, oversized, error or invalid-command reply, or kServiceSilenceMs
+// without a byte (nothing to free).
 int RecvCommand(Command** cmd, int socket_fd);
 int RecvCommandQuiet(Command** cmd, int socket_fd);
 int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error);

@@ -208,6 +208,9 @@ std::string SetupMounts(const SandboxOptions& o, bool userns, int* staging_fd) {
     const char* opts;
   } const kPrivate[] = {
       {"/tmp", "mode=1777"},
+      // The library keeps its lock and the host's shared records under /run: each sandbox
+      // has its own, and the host's are never touched.
+      {"/run", "mode=0755"},
       {"/sys/devices/virtual", "mode=0755"},
       {"/sys/module", "mode=0755"},
   };

@@ -81,6 +81,17 @@ bool CreateDirectory(const std::string& path) {
   return true;
 }
 
+bool CreateDirectoryWithMode(const std::string& path, mode_t mode) {
+  if (IsDirectoryExist(path)) return true;
+  const size_t slash = path.rfind('/');
+  if (slash != std::string::npos && slash > 0 && !CreateDirectory(path.substr(0, slash)))
+    return false;
+  if (mkdir(path.c_str(), mode) != 0) return errno == EEXIST && IsDirectoryExist(path);
+  // mkdir applied the umask; the directory this call made gets exactly the mode asked for.
+  utils::FdHandle fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return fd.get() >= 0 && fchmod(fd.get(), mode) == 0;
+}
+
 bool WriteTextFile(const std::string& directory, const std::string& fileName,
                    const std::string& content, bool append) {
   if (directory.empty() || fileName.empty()) return false;
@@ -98,29 +109,34 @@ bool WriteTextFile(const std::string& directory, const std::string& fileName,
 }
 
 bool ReplaceTextFile(const std::string& directory, const std::string& fileName,
-                     const std::string& content) {
+                     const std::string& content, mode_t mode, bool sync) {
   if (directory.empty() || fileName.empty()) return false;
   if (!CreateDirectory(directory)) return false;
   const std::string path = directory + "/" + fileName;
   const std::string temporary =
       directory + "/." + fileName + ".tmp-" + std::to_string(static_cast<long>(getpid()));
   utils::FdHandle fd(
-      open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+      open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode));
   if (fd.get() < 0) return false;
-  bool ok = true;
+  // The mode is the caller's, not what the umask leaves of it: a umask of 0 must not make a
+  // root-written file writable by everyone.
+  bool ok = fchmod(fd.get(), mode) == 0;
   for (size_t done = 0; ok && done < content.size();) {
     const ssize_t n = write(fd.get(), content.data() + done, content.size() - done);
     if (n < 0 && errno == EINTR) continue;
     ok = n > 0;
     if (ok) done += static_cast<size_t>(n);
   }
-  ok = ok && fsync(fd.get()) == 0;
+  ok = ok && (!sync || fsync(fd.get()) == 0);
   fd.reset();
   ok = ok && rename(temporary.c_str(), path.c_str()) == 0;
   if (!ok) {
+    const int err = errno;
     unlink(temporary.c_str());
+    errno = err;
     return false;
   }
+  if (!sync) return true;
   // The rename itself is durable only once the directory is synced.
   utils::FdHandle dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return dir.get() >= 0 && fsync(dir.get()) == 0;
@@ -190,48 +206,104 @@ bool ReadSmallFile(const std::string& path, std::string& text, size_t limit, int
   return true;
 }
 
-FileLocker::FileLocker(const std::string& lockFile, int lockType, bool nonBlocking)
+namespace {
+
+// Opens lock_file read-write, creating it with mode (exactly, whatever the umask) when it is
+// missing, relative to dir_fd. Only a missing file is created, with O_EXCL, so that only a
+// file this very call made gets its mode set; a file that comes or goes between the two opens
+// is simply taken on the next round. No link is followed and nothing is truncated. Returns
+// the descriptor, or -1 with *err set; *existed says which of the two opens answered.
+int OpenOrCreateLockFile(int dir_fd, const std::string& name, const std::string& shown,
+                         mode_t mode, bool* existed, int* err) {
+  *existed = true;
+  utils::FdHandle fd;
+  for (int round = 0; round < 8; ++round) {
+    fd.reset(openat(dir_fd, name.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.get() >= 0 || errno != ENOENT) {
+      *err = errno;
+      if (round == 0) LOG_DEBUG("[%s] lock file %s exist, open it.\n", "FileLocker", shown.c_str());
+      break;
+    }
+    if (round == 0)
+      LOG_DEBUG("[%s] lock file %s does not exist, create it.\n", "FileLocker", shown.c_str());
+    *existed = false;
+    fd.reset(openat(dir_fd, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                    mode));
+    if (fd.get() >= 0) {
+      // The mode is set on the descriptor, not through the process-wide umask, which other
+      // threads' files would share meanwhile.
+      if (fchmod(fd.get(), mode) != 0) {
+        *err = errno;
+        return -1;
+      }
+      break;
+    }
+    *err = errno;
+    if (*err != EEXIST) break;
+  }
+  struct stat st;
+  if (fd.get() >= 0 && (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
+    *err = EINVAL;
+    return -1;
+  }
+  return fd.release();
+}
+
+// The directory of a root-only lock: created 0755 when missing; refused (EPERM) unless it is
+// a directory of root's that nobody else may write, so that nobody else can plant or swap the
+// lock file in it. Returns a descriptor of it, or -1 with *err set.
+int OpenRootLockDirectory(const std::string& dir, int* err) {
+  const bool made = mkdir(dir.c_str(), 0755) == 0;
+  if (!made && errno != EEXIST) {
+    *err = errno;
+    return -1;
+  }
+  utils::FdHandle fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.get() < 0) {
+    *err = errno;
+    return -1;
+  }
+  if (made && fchmod(fd.get(), 0755) != 0) {
+    *err = errno;
+    return -1;
+  }
+  struct stat st;
+  if (fstat(fd.get(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
+      (st.st_mode & 022) != 0) {
+    *err = EPERM;
+    return -1;
+  }
+  return fd.release();
+}
+
+}  // namespace
+
+FileLocker::FileLocker(const std::string& lockFile, int lockType, bool nonBlocking, Owner owner)
     : lock_file_(lockFile) {
   if (!IsValidLockType(lockType))
     throw LockTypeError(std::string(kRedInvalid) + " input lock_type parameter");
 
-  // Opened without following a link (a planted one must not steer the open anywhere else)
-  // and never truncated. Only a missing file is created, with O_EXCL, so that only a file this
-  // very call made gets its mode set; a file that comes or goes between the two opens is
-  // simply taken on the next round. The common case, a lock file that is there, costs one open.
   bool existed = true;
-  bool created = false;
   int err = 0;
   utils::FdHandle fd;
-  for (int round = 0; round < 8; ++round) {
-    fd.reset(open(lock_file_.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    if (fd.get() >= 0 || errno != ENOENT) {
-      err = errno;
-      if (round == 0)
-        LOG_DEBUG("[%s] lock file %s exist, open it.\n", "FileLocker", lock_file_.c_str());
-      break;
+  if (owner == Owner::kAnyone) {
+    fd.reset(OpenOrCreateLockFile(AT_FDCWD, lock_file_, lock_file_, 0666, &existed, &err));
+  } else {
+    const size_t slash = lock_file_.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : lock_file_.substr(0, slash);
+    const utils::FdHandle dir_fd(OpenRootLockDirectory(dir.empty() ? "/" : dir, &err));
+    if (dir_fd.get() >= 0) {
+      fd.reset(OpenOrCreateLockFile(dir_fd.get(), lock_file_.substr(slash + 1), lock_file_, 0600,
+                                    &existed, &err));
     }
-    if (round == 0)
-      LOG_DEBUG("[%s] lock file %s does not exist, create it.\n", "FileLocker", lock_file_.c_str());
-    existed = false;
-    fd.reset(open(lock_file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-    if (fd.get() >= 0) {
-      created = true;
-      break;
+    // Only root may hold it: a file of anyone else's, or one that others may open (and so
+    // lock), would let them stall every change.
+    struct stat st;
+    if (fd.get() >= 0 &&
+        (fstat(fd.get(), &st) != 0 || st.st_uid != 0 || (st.st_mode & 077) != 0)) {
+      fd.reset();
+      err = EPERM;
     }
-    err = errno;
-    if (err != EEXIST) break;
-  }
-  struct stat st;
-  if (fd.get() >= 0 && (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) {
-    fd.reset();
-    err = EINVAL;
-  }
-  // The mode is set on the descriptor, not through the process-wide umask, which other
-  // threads' files would share meanwhile.
-  if (fd.get() >= 0 && created && fchmod(fd.get(), 0666) != 0) {
-    err = errno;
-    fd.reset();
   }
   if (fd.get() < 0) {
     throw OpenLockFileError(std::string(kRedError) +

@@ -4,6 +4,7 @@
 #define ZOVDX_UTILS_FILE_H_
 
 #include <fcntl.h>
+#include <sys/types.h>
 #include <time.h>
 
 #include <cstddef>
@@ -34,10 +35,15 @@ bool WriteTextFile(const std::string& directory, const std::string& fileName,
 
 // Replaces directory/fileName with content so that no reader ever sees a part of it: the text
 // goes to a temporary file in the same directory (named "." + fileName + ".tmp-" + pid), which
-// is synced and renamed over the old file; then the directory is synced. Creates the
-// directory. False on any failure, the old file untouched and no temporary file left.
+// is given mode and synced (unless sync is false) and renamed over the old file; then the
+// directory is synced. Creates the directory. The mode does not depend on the umask. False on
+// any failure (errno tells why), the old file untouched and no temporary file left.
 bool ReplaceTextFile(const std::string& directory, const std::string& fileName,
-                     const std::string& content);
+                     const std::string& content, mode_t mode = 0644, bool sync = true);
+
+// Creates the directory path (its parents as CreateDirectory does) with exactly mode, whatever
+// the umask. A directory already there is left as it is. False on failure.
+bool CreateDirectoryWithMode(const std::string& path, mode_t mode);
 
 // Calls visit with each line of path (without its line end) until visit returns false.
 // False when the file cannot be opened. The descriptor is close-on-exec.
@@ -59,16 +65,26 @@ bool ForEachDirectoryEntry(const std::string& directory,
 bool ReadSmallFile(const std::string& path, std::string& text, size_t limit = 0,
                    int dir_fd = AT_FDCWD);
 
-// Holds a flock on a lock file from construction to Unlock or destruction. The lock file is
-// created with mode 0666 whatever the umask, so unprivileged processes can share it.
-// The lock file lives in a directory that every user may write (/tmp), so it is opened
-// without following a symbolic link, never truncated, and refused unless it is a regular
-// file: nobody can make a root process create or clobber a file of their choosing.
+// Holds a flock on a lock file from construction to Unlock or destruction.
 // Not to be shared between threads.
+//
+// Owner::kAnyone: the lock file is created with mode 0666 whatever the umask, so unprivileged
+// processes can share it. Such a file may live in a directory that every user may write
+// (/tmp), so it is opened without following a symbolic link, never truncated, and refused
+// unless it is a regular file: nobody can make a root process create or clobber a file of
+// their choosing.
+//
+// Owner::kRootOnly: a lock that no other user can hold, and so none can use to stall its
+// holders. Its directory is created 0755 and the file 0600, both owned by root; a directory
+// that is not root's or that others may write, and a file that is not a regular file of
+// root's that only root may open, are refused (OpenLockFileError), never repaired. No link is
+// followed on the way.
 class FileLocker {
  public:
   static constexpr int kShared = 1;     // LOCK_SH
   static constexpr int kExclusive = 2;  // LOCK_EX
+
+  enum class Owner { kAnyone, kRootOnly };
 
   class LockTypeError : public std::runtime_error {
    public:
@@ -93,7 +109,8 @@ class FileLocker {
   };
 
   // Throws one of the four classes above; on a throw no descriptor stays open.
-  FileLocker(const std::string& lockFile, int lockType, bool nonBlocking);
+  FileLocker(const std::string& lockFile, int lockType, bool nonBlocking,
+             Owner owner = Owner::kAnyone);
   ~FileLocker();
 
   FileLocker(const FileLocker&) = delete;

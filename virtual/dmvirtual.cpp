@@ -5,11 +5,14 @@
 // virtual_device_lock (shared to read, exclusive to change).
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "common/env_check.h"
 #include "mkfd/device_names.h"
@@ -106,13 +109,7 @@ Dmvirtual::~Dmvirtual() {
     if (!created_vxcus.empty()) {
       LOG_DEBUG("[%s] Destroy virtual devices marked as created, created count(%llu).\n",
                 __func__, static_cast<unsigned long long>(created_vxcus.size()));
-      for (const std::pair<int, int>& instance : created_vxcus) {
-        if (dmkfdDestroyVdev(static_cast<uint32_t>(instance.first),
-                             static_cast<uint32_t>(instance.second)) != VDX_STATUS_SUCCESS) {
-          LOG_DEBUG("[%s] %s: destroy virtual device failed, device(%d), pipe(%d).\n", __func__,
-                    kLabelError, instance.first, instance.second);
-        }
-      }
+      iDestroyOwnInstancesAtExit();
     }
     for (Device* device : device_lists) delete device;
     device_lists.clear();
@@ -121,6 +118,67 @@ Dmvirtual::~Dmvirtual() {
   } catch (...) {
     // Nothing may leave a destructor that runs at exit.
   }
+}
+
+void Dmvirtual::iRecordInstance(int device, int pipe) {
+  // One entry per device and pipe: an instance made again where an old one of ours was
+  // destroyed by another process replaces it, so the list never outgrows the pipes.
+  created_vxcus.remove(std::make_pair(device, pipe));
+  created_vxcus.emplace_back(device, pipe);
+  if (geteuid() == 0 && !SetInstanceOwner(device, pipe)) {
+    LOG_DEBUG("[%s] %s: failed to record the owner of the instance on device(%d), pipe(%d) in "
+              "%s.\n",
+              __func__, kLabelWarning, device, pipe, kInstanceOwnersFile);
+  }
+}
+
+void Dmvirtual::iForgetInstance(int device, int pipe) {
+  created_vxcus.remove(std::make_pair(device, pipe));
+  if (geteuid() == 0 && !ForgetInstanceOwner(device, pipe)) {
+    LOG_DEBUG("[%s] %s: failed to forget the owner of the instance on device(%d), pipe(%d) in "
+              "%s.\n",
+              __func__, kLabelWarning, device, pipe, kInstanceOwnersFile);
+  }
+}
+
+void Dmvirtual::iDestroyOwnInstancesAtExit() {
+  // The driver cannot tell whose an instance is (every host process is owner 0, and a new
+  // instance on the same device and pipe looks like the old one): the host's record can. Root
+  // destroys what the record says it made; a process that may not take the lock destroys only
+  // what the record gives to nobody, since every instance a root process made is in it.
+  std::optional<ConfigLock> lock;
+  try {
+    lock.emplace(FileLocker::kExclusive);
+  } catch (const std::exception& e) {
+    LOG_DEBUG("[%s] %s: failed to lock the record of instances, none is destroyed. Due to %s\n",
+              __func__, kLabelError, e.what());
+    return;
+  }
+  const ProcessIdentity self = SelfIdentity();
+  std::vector<InstanceOwner> record = ReadInstanceOwners();
+  const size_t recorded = record.size();
+  for (const std::pair<int, int>& instance : created_vxcus) {
+    const std::optional<ProcessIdentity> owner =
+        InstanceOwnerOf(record, instance.first, instance.second);
+    const bool ours = lock->held() ? owner.has_value() && *owner == self : !owner.has_value();
+    if (!ours) {
+      LOG_DEBUG("[%s] The instance on device(%d), pipe(%d) is no longer this process's, left "
+                "alone.\n",
+                __func__, instance.first, instance.second);
+      continue;
+    }
+    if (dmkfdDestroyVdev(static_cast<uint32_t>(instance.first),
+                         static_cast<uint32_t>(instance.second)) != VDX_STATUS_SUCCESS) {
+      LOG_DEBUG("[%s] %s: destroy virtual device failed, device(%d), pipe(%d).\n", __func__,
+                kLabelError, instance.first, instance.second);
+    }
+    record.erase(std::remove_if(record.begin(), record.end(),
+                                [&](const InstanceOwner& e) {
+                                  return e.device == instance.first && e.pipe == instance.second;
+                                }),
+                 record.end());
+  }
+  if (lock->held() && record.size() != recorded) WriteInstanceOwners(record);
 }
 
 vdxStatus Dmvirtual::Init() {
@@ -167,7 +225,7 @@ vdxStatus Dmvirtual::Init() {
   try {
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
     std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
-    FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+    ConfigLock file_lock(FileLocker::kShared);
     if (iInitVirtualDevice() != VDX_STATUS_SUCCESS) {
       LOG_DEBUG("[%s] %s: initialize virtual devices from file system failed.\n", __func__,
                 kLabelError);
@@ -237,7 +295,8 @@ vdxStatus Dmvirtual::iSetVirtualDeviceById(int vdev_id, virtual_device_info* inf
 }
 
 vdxStatus Dmvirtual::iReleaseVirtualDevice(int vdev_id) {
-  vdev_bitmap |= IdBit(vdev_id);
+  // An id outside 0..31 frees nothing: it is not another id.
+  if (vdev_id >= 0 && vdev_id < kMaxVirtualDevices) vdev_bitmap |= IdBit(vdev_id);
   for (auto it = virtual_device_lists.begin(); it != virtual_device_lists.end(); ++it) {
     if (it->vdev_id == vdev_id) {
       virtual_device_lists.erase(it);

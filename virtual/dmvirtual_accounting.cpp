@@ -115,7 +115,7 @@ vdxStatus Dmvirtual::GetDeviceRemainingInfo(int device_id, uint64_t* remaining_c
   try {
     // Exclusive: the accounting may reload the list.
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+    ConfigLock file_lock(FileLocker::kShared);
     int units = 0, mib = 0;
     const vdxStatus status = iGetDevResources(device_id, &units, &mib, nullptr, nullptr);
     if (status != VDX_STATUS_SUCCESS) {
@@ -171,12 +171,17 @@ vdxStatus Dmvirtual::iGetDevResources(int device_id, int* remaining_cus, int* re
   int64_t used_units = 0, used_mib = 0;
   cu_mask_t used_mask;
   uint32_t used_pipes = 0;
+  bool pipes_beyond = false;
   for (const virtual_device_info& vdev : virtual_device_lists) {
     if (vdev.device_id != device_id) continue;
     used_units += vdev.cuCount;
     used_mib += vdev.memLimit;
     used_mask |= vdev.cuMask;
-    used_pipes |= IdBit(vdev.pipe_id);
+    // A device has pipes 0 to 3; any other number is over-commitment, never another pipe.
+    if (vdev.pipe_id < 0 || vdev.pipe_id >= kMaxVdevsPerDevice)
+      pipes_beyond = true;
+    else
+      used_pipes |= IdBit(vdev.pipe_id);
   }
   const device_info& physical = device_lists[device_id]->Info();
   const int64_t total_units = physical.cuNum;
@@ -188,8 +193,7 @@ vdxStatus Dmvirtual::iGetDevResources(int device_id, int* remaining_cus, int* re
     units_beyond = units_beyond || used_mask.test(bit);
     used_mask.set(bit);
   }
-  if (used_units > total_units || used_mib > total_mib || (used_pipes & 0xF0) != 0 ||
-      units_beyond) {
+  if (used_units > total_units || used_mib > total_mib || pipes_beyond || units_beyond) {
     LOG_DEBUG("[%s] %s: used resources is exceeding the limit of deveice(%d).\n", __func__,
               kLabelError, device_id);
     return VDX_STATUS_OUT_OF_RESOURCES;

@@ -45,6 +45,7 @@ vdxStatus Dmvirtual::iGetRunVirtualDevice() {
     if (!(in_container & IdBit(id))) continue;
     virtual_device_info info;
     if (iGetVirtualDevice(kVdevDockerDir, VdevFileName(id), &info) != VDX_STATUS_SUCCESS) continue;
+    info.file_id = id;
     bind_vdev_lists.push_back(info);
     if (info.cuCount == 0) ++shared;
   }
@@ -80,6 +81,7 @@ vdxStatus Dmvirtual::iGetRunVirtualDevice() {
                 kLabelError);
       return VDX_STATUS_NOT_SUPPORTED;
     }
+    info.file_id = id;
     bind_vdev_lists.push_back(info);
   }
   if (!bind_vdev_lists.empty()) mode = DM_PROCESS_VDEV_MODE;
@@ -104,10 +106,9 @@ vdxStatus Dmvirtual::iInitSysGroup() {
               kSysfsGroupDir, strerror(errno));
     return VDX_STATUS_ERROR;
   }
-  // The new list starts with as many empty records as the old one has room for. They own no
-  // virtual device and match no container; the list is kept exactly as large as it is, so
-  // that it grows by the number of groups on each refresh and not by doubling.
-  std::vector<sys_group_info> fresh(group_lists.capacity(), sys_group_info{0, 0});
+  // The new list starts empty: a long-running process refreshes it on many requests, and a
+  // list that kept anything of the old one would grow with each.
+  std::vector<sys_group_info> fresh;
   while (const struct dirent* entry = readdir(dir.get())) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
     unsigned long owner = 0;
@@ -129,7 +130,7 @@ vdxStatus Dmvirtual::iInitSysGroup() {
     LOG_DEBUG("[%s] Group id(%ld).\n", __func__, static_cast<long>(info.group_id));
     fresh.push_back(info);
   }
-  group_lists = std::vector<sys_group_info>(fresh.begin(), fresh.end());
+  group_lists.swap(fresh);
   return VDX_STATUS_SUCCESS;
 }
 

@@ -66,6 +66,25 @@ bool NotOlder(time_t seconds, long nanoseconds, const struct timespec& file) {
   return seconds > file.tv_sec || (seconds == file.tv_sec && nanoseconds >= file.tv_nsec);
 }
 
+// Whether a view read at now may have missed a change whose time stamp equals stamp: a file
+// system stamps changes with a coarse clock (one tick, a few milliseconds), so a change made
+// after the view was read, within the same tick, leaves the stamp where it was. Such a view is
+// not trusted (git calls its index "racily clean" in the same case). A stamp without
+// nanoseconds comes from a file system that keeps whole seconds.
+bool WithinOneTick(const struct timespec& stamp, const struct timespec& now) {
+  static const long long tick_ns = [] {
+    struct timespec resolution = {0, 0};
+    clock_getres(CLOCK_REALTIME_COARSE, &resolution);
+    const long long ns = resolution.tv_sec * 1000000000LL + resolution.tv_nsec;
+    return ns < 1000000 ? 1000000LL : ns;
+  }();
+  // Two ticks: the stamp itself may lag the change by up to one.
+  const long long margin = stamp.tv_nsec == 0 ? 1000000000LL + 2 * tick_ns : 2 * tick_ns;
+  const long long age = (static_cast<long long>(now.tv_sec) - stamp.tv_sec) * 1000000000LL +
+                        (now.tv_nsec - stamp.tv_nsec);
+  return age < margin;
+}
+
 }  // namespace
 
 vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
@@ -213,7 +232,13 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
 vdxStatus Dmvirtual::iInitVirtualDevice() {
   virtual_device_lists.clear();
   vdev_bitmap = 0xffffffffu;
+  // Read before the files: a change that lands while they are read bumps it again, and the
+  // next query sees that.
+  generation_seen = ReadGeneration();
+  view_racy = false;
   if (!IsDirectoryExist(kVdevDir)) return VDX_STATUS_SUCCESS;
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
   struct timespec mtime;
   if (!GetModificationTime(kVdevDir, &mtime)) {
     LOG_DEBUG("[%s] %s: failed to get the timestamp of file %s.\n", __func__, kLabelError,
@@ -222,6 +247,7 @@ vdxStatus Dmvirtual::iInitVirtualDevice() {
   }
   virtual_mtime = mtime.tv_sec;
   virtual_mtime_nsec = mtime.tv_nsec;
+  view_racy = WithinOneTick(mtime, now);
   // A missing, damaged, disabled or orphaned file costs only its own virtual device. One
   // listing finds the files that are there, instead of a look-up for each of the 32 ids.
   const uint32_t present = PresentVdevIds(kVdevDir);
@@ -229,6 +255,7 @@ vdxStatus Dmvirtual::iInitVirtualDevice() {
     if (!(present & IdBit(id))) continue;
     virtual_device_info info;
     if (iGetVirtualDevice(kVdevDir, VdevFileName(id), &info) != VDX_STATUS_SUCCESS) continue;
+    info.file_id = id;
     virtual_device_lists.push_back(info);
     vdev_bitmap &= ~IdBit(info.vdev_id);  // the id the file holds, not its name's
   }
@@ -236,13 +263,17 @@ vdxStatus Dmvirtual::iInitVirtualDevice() {
 }
 
 vdxStatus Dmvirtual::iCheckAndReinitVirtualDevice() {
-  // Every query and change asks this first: one stat answers both whether the directory is
-  // there and when it last changed.
+  // Every query and change asks this first: the generation says whether this library changed
+  // anything since the view was loaded, in any process; one stat answers both whether the
+  // directory is there and when it last changed (a hand edit).
+  const std::string generation = ReadGeneration();
   struct stat st;
   const bool stated = stat(kVdevDir, &st) == 0;
   if ((stated && !S_ISDIR(st.st_mode)) || (!stated && (errno == ENOENT || errno == ENOTDIR))) {
     virtual_device_lists.clear();
     vdev_bitmap = 0xffffffffu;
+    generation_seen = generation;
+    view_racy = false;
     return VDX_STATUS_SUCCESS;
   }
   if (!stated) {
@@ -252,8 +283,10 @@ vdxStatus Dmvirtual::iCheckAndReinitVirtualDevice() {
   }
   // Files created, removed or replaced move the directory's time stamp; a file rewritten in
   // place is caught per device by iRefreshVirtualDeviceInfo. The stamps are compared to the
-  // nanosecond, so that a change made within the same second as the last load is seen.
-  if (NotOlder(virtual_mtime, virtual_mtime_nsec, st.st_mtim)) {
+  // nanosecond, so that a change made within the same second as the last load is seen; a view
+  // read within a tick of the stamp is read again, since the stamp may hide a later change.
+  if (generation == generation_seen && !view_racy &&
+      NotOlder(virtual_mtime, virtual_mtime_nsec, st.st_mtim)) {
     LOG_DEBUG("[%s] The virtual configuration path is updated.\n", __func__);
     return VDX_STATUS_SUCCESS;
   }
@@ -277,6 +310,16 @@ vdxStatus Dmvirtual::iLoadVirtualDeviceInfo(int vdev_id) {
     LOG_DEBUG("[%s] %s: failed to load configuration of virtual device(%d) from file system.\n",
               __func__, kLabelError, vdev_id);
     return status;
+  }
+  info.file_id = vdev_id;
+  // A file that holds another id than its name's stays one record however often it is
+  // loaded: its id's bit never clears, so every query here loads it again.
+  for (virtual_device_info& loaded : virtual_device_lists) {
+    if (loaded.file_id == vdev_id) {
+      loaded = info;
+      vdev_bitmap &= ~IdBit(info.vdev_id);
+      return VDX_STATUS_SUCCESS;
+    }
   }
   virtual_device_lists.push_back(info);
   vdev_bitmap &= ~IdBit(info.vdev_id);
@@ -314,6 +357,7 @@ vdxStatus Dmvirtual::iRefreshVirtualDeviceInfo(int vdev_id) {
               kLabelError, vdev_id);
     return status;
   }
+  info.file_id = vdev_id;
   *stored = info;
   LOG_DEBUG("[%s] The configuration of virtual device(%d) has been refreshed.\n", __func__,
             vdev_id);
@@ -358,8 +402,9 @@ vdxStatus Dmvirtual::iMergeVirtualDevice(virtual_device_info* out, int out_size,
       matched = true;
       units += bound.cuCount;
       memory += bound.memLimit;
-      ids |= IdBit(bound.vdev_id);
-      pipes |= IdBit(bound.pipe_id);
+      // A number outside 0..31 has no bit of its own: it never stands for another.
+      if (bound.vdev_id >= 0 && bound.vdev_id < kMaxVirtualDevices) ids |= IdBit(bound.vdev_id);
+      if (bound.pipe_id >= 0 && bound.pipe_id < 32) pipes |= IdBit(bound.pipe_id);
     }
     if (!matched) continue;
     if (out != nullptr && count < out_size) {

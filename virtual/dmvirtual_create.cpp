@@ -61,7 +61,7 @@ vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_conf
             device_id);
   try {
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+    ConfigLock file_lock(FileLocker::kShared);
     vdxStatus status = iCheckAndReinitVirtualDevice();
     if (status != VDX_STATUS_SUCCESS) {
       LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
@@ -78,7 +78,7 @@ vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_conf
                 __func__, kLabelError);
       return status;
     }
-    file_lock.ChangeLockType(FileLocker::kExclusive, false);
+    file_lock.Raise();
     // The plan was made under the shared lock: if another process changed the files before
     // this one got the exclusive lock, the plan is made again on what is there now, and its
     // outcome is the request's.
@@ -99,6 +99,8 @@ vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_conf
       }
     }
     status = iCreateVirtualDevices(device_id, count, cus, mems, free_units, free_pipes);
+    // Whatever was written, every process reads it again before it trusts its view.
+    BumpGeneration();
     if (status != VDX_STATUS_SUCCESS) {
       LOG_DEBUG("[%s] %s: create requested virtual devices failed.\n", __func__, kLabelError);
       return status;
@@ -199,7 +201,8 @@ vdxStatus Dmvirtual::iCreateVirtualDevices(int device_id, int count, std::vector
       return VDX_STATUS_ERROR;
     }
   }
-  if (!CreateDirectory(kVdevDir)) {
+  // 0755 whatever the caller's umask: only root may write the configuration.
+  if (!CreateDirectoryWithMode(kVdevDir, 0755)) {
     LOG_DEBUG("[%s] %s: create directory %s failed.\n", __func__, kLabelError, kVdevDir);
     return VDX_STATUS_ERROR;
   }
@@ -240,6 +243,7 @@ vdxStatus Dmvirtual::iCreateVirtualDevices(int device_id, int count, std::vector
     vdev.memLimit = mems[i];
     vdev.device_id = device_id;
     vdev.vdev_id = vdev_id;
+    vdev.file_id = vdev_id;
     vdev.pipe_id = pipe;
     const vdxStatus written = iWriteVdevFile(__func__, &vdev, false);
     if (written != VDX_STATUS_SUCCESS) return written;
@@ -275,8 +279,8 @@ vdxStatus Dmvirtual::iCreateVdev(int vdev_id) {
                 __func__, kLabelError, vdev_id, vdev.device_id);
       return VDX_STATUS_ERROR;
     }
-    // Made by this process: destroyed again at its exit unless stopped before.
-    created_vxcus.emplace_back(vdev.device_id, vdev.pipe_id);
+    // Made by this process: destroyed again at its exit unless stopped (or replaced) before.
+    iRecordInstance(vdev.device_id, vdev.pipe_id);
     LOG_DEBUG("[%s] Created virtual device(%d) on physical device(%d), pipe(%d), created virtual "
               "devices(%llu).\n",
               __func__, vdev_id, vdev.device_id, vdev.pipe_id,

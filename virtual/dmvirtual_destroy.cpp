@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -28,7 +29,7 @@ vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, cons
                                  Reinit reinit, Reload reload, BeforeRaise before_raise,
                                  Work work) {
   std::unique_lock<std::shared_mutex> vdevs(vdev_lock);
-  FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+  ConfigLock file_lock(FileLocker::kShared);
   vdxStatus status = reinit();
   if (status != VDX_STATUS_SUCCESS) {
     // The update's message says "devices", the destroys' "device".
@@ -40,7 +41,7 @@ vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, cons
   }
   status = before_raise();
   if (status != VDX_STATUS_SUCCESS) return status;
-  file_lock.ChangeLockType(FileLocker::kExclusive, false);
+  file_lock.Raise();
   // Another process may have changed the files before the exclusive lock was had: the work is
   // done on what is there now.
   bool changed = false;
@@ -56,7 +57,10 @@ vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, cons
     status = before_raise();
     if (status != VDX_STATUS_SUCCESS) return status;
   }
-  return work();
+  status = work();
+  // Whatever the work changed, every process reads it again before it trusts its view.
+  BumpGeneration();
+  return status;
 }
 
 }  // namespace
@@ -119,6 +123,12 @@ vdxStatus Dmvirtual::DestroyVirtualDevice(int vdev_id) {
     LOG_DEBUG("[%s] %s: The virtual device id exceeds the upper limit.\n", __func__, kLabelError);
     return VDX_STATUS_ERROR;
   }
+  // A negative id is no id: it never stands for another, and it is refused before anything
+  // is looked at.
+  if (vdev_id < 0) {
+    LOG_DEBUG("[%s] %s: failed to destroy virtual device(%d).\n", __func__, kLabelError, vdev_id);
+    return VDX_STATUS_VDEV_NOT_EXIST;
+  }
   try {
     return UnderExclusiveFileLock(
         virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
@@ -151,6 +161,10 @@ vdxStatus Dmvirtual::UpdateVirtualDevice(int vdev_id, int cu, int mem) {
   if (vdev_id > kMaxVirtualDevices - 1) {
     LOG_DEBUG("[%s] %s: The virtual device id exceeds the upper limit.\n", __func__, kLabelError);
     return VDX_STATUS_ERROR;
+  }
+  if (vdev_id < 0) {
+    LOG_DEBUG("[%s] %s: failed to update virtual device(%d).\n", __func__, kLabelError, vdev_id);
+    return VDX_STATUS_VDEV_NOT_EXIST;
   }
   // -1 keeps the present value; no memory is no virtual device.
   if (mem < -1 || mem == 0 || cu < -1) return VDX_STATUS_INVALID_ARGUMENTS;
@@ -233,9 +247,9 @@ vdxStatus Dmvirtual::iReleaseVdevHolders(const char* caller, const virtual_devic
                 vdev.vdev_id);
     return VDX_STATUS_ERROR;
   }
-  // Gone now: at this process's exit it must not be destroyed again, since by then the pipe
-  // may hold another process's instance.
-  created_vxcus.remove(std::make_pair(vdev.device_id, vdev.pipe_id));
+  // Gone now: at this process's exit (or at that of the process that made it) it must not be
+  // destroyed again, since by then the pipe may hold another process's instance.
+  iForgetInstance(vdev.device_id, vdev.pipe_id);
   return VDX_STATUS_SUCCESS;
 }
 
@@ -248,7 +262,15 @@ vdxStatus Dmvirtual::iDestroyVirtualDevice(int vdev_id) {
   }
   const vdxStatus status = iReleaseVdevHolders(__func__, vdev, false);
   if (status != VDX_STATUS_SUCCESS) return status;
-  unlink((std::string(kVdevDir) + "/" + VdevFileName(vdev_id)).c_str());
+  // A file that stays (a read-only /etc) keeps its virtual device configured, here and in
+  // every process that reads it: the destroy did not happen. Its instance may be gone already;
+  // a start makes it again.
+  const std::string path = std::string(kVdevDir) + "/" + VdevFileName(vdev_id);
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    LOG_DEBUG("[%s] %s: failed to remove file '%s' - %s.\n", __func__, kLabelError, path.c_str(),
+              strerror(errno));
+    return VDX_STATUS_ERROR;
+  }
   iReleaseVirtualDevice(vdev_id);
   return VDX_STATUS_SUCCESS;
 }
@@ -269,7 +291,7 @@ vdxStatus Dmvirtual::iDestroyVdev(int vdev_id) {
               __func__, kLabelError, vdev_id, vdev.device_id);
     return VDX_STATUS_ERROR;
   }
-  created_vxcus.remove(std::make_pair(vdev.device_id, vdev.pipe_id));
+  iForgetInstance(vdev.device_id, vdev.pipe_id);
   LOG_DEBUG("[%s] Destroyed virtual device(%d) on physical device(%d), pipe(%d), created virtual "
             "devices(%llu).\n",
             __func__, vdev_id, vdev.device_id, vdev.pipe_id,

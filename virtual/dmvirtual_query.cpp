@@ -44,7 +44,7 @@ vdxStatus Dmvirtual::GetVirualDeviceCount(int* count) {
   if (is_docker_virtual_env) return VDX_STATUS_SUCCESS;
   try {
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+    ConfigLock file_lock(FileLocker::kShared);
     if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
       LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
                 kLabelError);
@@ -67,7 +67,7 @@ vdxStatus Dmvirtual::GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info) {
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
     virtual_device_info vdev;
     {
-      FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+      ConfigLock file_lock(FileLocker::kShared);
       const vdxStatus status = iCheckAndGetVirtualDeviceInfo(vdev_id, &vdev);
       if (status == VDX_STATUS_VDEV_NOT_EXIST) {
         LOG_DEBUG("[%s] Virtual device(%d) not exist.\n", __func__, vdev_id);
@@ -165,7 +165,8 @@ vdxStatus Dmvirtual::iStartStopFrame(const char* caller, int* vdev_ids, int coun
   // Nothing is done unless every id is configured; duplicates collapse.
   *request = 0;
   for (int i = 0; i < count; ++i) {
-    if (vdev_bitmap & IdBit(vdev_ids[i])) {
+    // An id outside 0..31 is not configured: it never stands for another id.
+    if (vdev_ids[i] < 0 || vdev_ids[i] >= kMaxVirtualDevices || (vdev_bitmap & IdBit(vdev_ids[i]))) {
       LOG_DEBUG("[%s] Virtual device(%d) not exist.\n", caller, vdev_ids[i]);
       return VDX_STATUS_VDEV_NOT_EXIST;
     }
@@ -202,10 +203,17 @@ vdxStatus Dmvirtual::iStartOrStop(bool start, const char* caller, int* vdev_ids,
   try {
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
     std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
-    FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+    ConfigLock file_lock(FileLocker::kShared);
     uint32_t request = 0;
-    const vdxStatus status = iStartStopFrame(caller, vdev_ids, count, &request);
+    vdxStatus status = iStartStopFrame(caller, vdev_ids, count, &request);
     if (status != VDX_STATUS_SUCCESS) return status;
+    if (file_lock.held()) {
+      // The record of who made which instance changes only under the exclusive lock. The
+      // raise is not atomic: the checks are made again on what is there now.
+      file_lock.Raise();
+      status = iStartStopFrame(caller, vdev_ids, count, &request);
+      if (status != VDX_STATUS_SUCCESS) return status;
+    }
     // Ascending ids, whatever the order asked for; the first failure ends the request and
     // keeps what was done before it.
     for (int id = 0; id < kMaxVirtualDevices; ++id) {
@@ -312,7 +320,7 @@ vdxStatus Dmvirtual::GetVDevBusyPercent(int vdev_id, int* percent) {
     }
     std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
     {
-      FileLocker file_lock(kVdevLockFile, FileLocker::kShared, false);
+      ConfigLock file_lock(FileLocker::kShared);
       if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
         LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
                   kLabelError);

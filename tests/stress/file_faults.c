@@ -1,5 +1,6 @@
 /* A preload library for the write-fault test: it counts the file operations a process makes
- * on the configuration (/etc/vdev...) and the lock file (/tmp/.vdx_virtual.lock), and fails
+ * on the configuration (/etc/vdev...) and the host's shared state (/run/zovdx: the lock, the
+ * generation, the record of instances; the lock is opened relative to its directory), and fails
  * the N-th of them with EIO, N taken from ZOVDX_FAIL_FILE_OP. At exit it writes how many it
  * counted to the file named by ZOVDX_FILE_OP_COUNT, so the test knows when N ran past the
  * request. Counted: opens for writing, write, fsync, rename, unlink, mkdir, utime, flock. */
@@ -22,7 +23,8 @@ static char g_tracked[4096];  /* descriptors opened on a counted path */
 
 static int Counted(const char* path) {
   return path != NULL && (strncmp(path, "/etc/vdev", 9) == 0 ||
-                          strcmp(path, "/tmp/.vdx_virtual.lock") == 0);
+                          strncmp(path, "/run/zovdx", 10) == 0 ||
+                          strcmp(path, "vdx_virtual.lock") == 0);
 }
 
 /* 1 when this operation is the one to fail. */

@@ -103,7 +103,7 @@ struct DeviceShape {
 // after it.
 std::vector<std::string> CheckFiles(const std::vector<DeviceShape>& devices) {
   std::vector<std::string> problems;
-  const int lock = open("/tmp/.vdx_virtual.lock", O_RDWR | O_CLOEXEC);
+  const int lock = open("/run/zovdx/vdx_virtual.lock", O_RDWR | O_CLOEXEC);
   if (lock >= 0) flock(lock, LOCK_SH);
   struct Unlock {
     int fd;
@@ -430,7 +430,7 @@ int FaultRequest(const std::string& request) {
   if (status != VDX_STATUS_SUCCESS && status != VDX_STATUS_ERROR) return 90;
   if (CountDescriptors() != descriptors) return 91;
   // Bypassing the counting library: is the lock free?
-  const int lock = static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/tmp/.vdx_virtual.lock", O_RDWR | O_CLOEXEC));
+  const int lock = static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/run/zovdx/vdx_virtual.lock", O_RDWR | O_CLOEXEC));
   const bool free_lock = lock >= 0 && syscall(SYS_flock, lock, LOCK_EX | LOCK_NB) == 0;
   if (lock >= 0) syscall(SYS_close, lock);
   if (!free_lock) return 92;

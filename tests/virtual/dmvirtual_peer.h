@@ -63,6 +63,9 @@ class DmvirtualPeer {
   }
   vdxStatus SetRunMask(uint32_t mask) { return dm_.iSetRunVirtualDevice(mask); }
   vdxStatus ActiveCountFromSys(int* count) { return dm_.iGetActiveVdevCountFromSys(count); }
+  // As a start that made the instance would record it (the caller, root, needs no lock here:
+  // the tests change nothing else meanwhile).
+  void RecordInstance(int device, int pipe) { dm_.iRecordInstance(device, pipe); }
 
   // The steps that callers run under the manager's locks.
   vdxStatus CheckAndReinit() {

@@ -170,14 +170,12 @@ TEST(StartedManager, ReadsTheDriversGroups) {
   EXPECT_EQ(peer.groups()[0].container_id, 0x1a2b3c4d5eu);
   EXPECT_EQ(peer.groups()[0].group_id, 0x24u);
 
-  // Each refresh keeps the known group (copied, not read again) behind as many empty
-  // records as the old list held.
-  ASSERT_EQ(peer.InitSysGroup(), VDX_STATUS_SUCCESS);
-  ASSERT_EQ(peer.groups().size(), 2u);
-  EXPECT_EQ(peer.groups()[0].container_id, 0u);
-  EXPECT_EQ(peer.groups()[1].group_id, 0x24u);
-  ASSERT_EQ(peer.InitSysGroup(), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(peer.groups().size(), 3u) << "one more per refresh, never doubling";
+  // A refresh keeps the known group (copied, not read again) and nothing else, however
+  // often a long-running process asks.
+  for (int round = 0; round < 5000; ++round) ASSERT_EQ(peer.InitSysGroup(), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(peer.groups().size(), 1u);
+  EXPECT_EQ(peer.groups()[0].group_id, 0x24u);
+  EXPECT_LE(peer.groups().capacity(), 4u);
 }
 
 // A container's own virtual devices are made real in the driver as instances with the
@@ -307,7 +305,9 @@ TEST(Lifetime, OnlyTheStartingProcessTearsDown) {
   if (child == 0) {
     if (vdxGetMaxVDeviceCount(nullptr) != VDX_STATUS_INVALID_ARGUMENTS) _exit(10);
     DmvirtualPeer peer(Dmvirtual::Instance());
-    peer.created() = {{0, 1}, {1, 2}, {1, 3}};  // the last was never made: its failure is logged
+    // The last was never made: its failure is logged.
+    for (const auto& [device, pipe] : std::vector<std::pair<int, int>>{{0, 1}, {1, 2}, {1, 3}})
+      peer.RecordInstance(device, pipe);
     exit(0);
   }
   int status = 0;

@@ -188,13 +188,14 @@ TEST(Merge, MoreThanEightDevicesAreCountedWithAWarning) {
   EXPECT_NE(out.find("device count(9), max support physical device(8)."), std::string::npos) << out;
 }
 
-TEST(ReleaseVirtualDevice, FreesTheLowFiveBitsAndDropsOneRecord) {
+TEST(ReleaseVirtualDevice, FreesItsOwnIdOnlyAndDropsOneRecord) {
   Dmvirtual dm;
   DmvirtualPeer peer(dm);
   peer.bitmap() = 0;
   peer.vdevs() = {Bound(0, 3, 0, 1, 1), Bound(0, 3, 1, 1, 1), Bound(0, 4, 2, 1, 1)};
   EXPECT_EQ(peer.Release(35), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(peer.bitmap(), 0x8u);
+  EXPECT_EQ(peer.Release(-29), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(peer.bitmap(), 0u) << "35 and -29 are no other id";
   EXPECT_EQ(peer.vdevs().size(), 3u) << "no record holds the id 35";
   EXPECT_EQ(peer.Release(3), VDX_STATUS_SUCCESS);
   ASSERT_EQ(peer.vdevs().size(), 2u);

@@ -335,6 +335,9 @@ TEST(Queries, AnUnchangedConfigurationIsNotReadAgain) {
   const std::string path = "/etc/vdev/vdev0.conf";
   struct utimbuf past = {1000000, 1000000};
   ASSERT_EQ(utime(path.c_str(), &past), 0);
+  // A directory stamped just now may hide a change made in the same clock tick: such a view is
+  // read again. Long unchanged, it is trusted.
+  ASSERT_EQ(utime("/etc/vdev", &past), 0);
   vdxDeviceInfo info;
   ASSERT_EQ(vdxGetVDeviceInfo(0, &info), VDX_STATUS_SUCCESS);
   ASSERT_EQ(info.global_mem_size, 1024 * kMiB);

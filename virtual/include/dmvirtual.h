@@ -4,8 +4,9 @@
 // the driver instances this process created (destroyed again at its exit).
 //
 // Locks, always taken in this order: the exported functions' gate mutex, then
-// virtual_device_lock (guards virtual_device_lists, vdev_bitmap, virtual_mtime), then
-// bind_vdev_lock (guards bind_vdev_lists), then the inter-process file lock on kVdevLockFile.
+// virtual_device_lock (guards virtual_device_lists, vdev_bitmap, virtual_mtime and the rest of
+// the view's freshness), then bind_vdev_lock (guards bind_vdev_lists), then the inter-process
+// lock (ConfigLock, virtual/run_state.h), which only root holds.
 // Methods whose name starts with "i" expect their caller to hold what their comment says.
 // Every message of the manager is written at debug level.
 //
@@ -30,12 +31,12 @@
 #include "common/env_check.h"
 #include "mkfd/include/dmkfd.h"
 #include "virtual/cu_mask.h"
+#include "virtual/run_state.h"
 #include "zovdx/vdx.h"
 
 // Where the configuration lives; the container's own files are under kVdevDockerDir.
 inline constexpr char kVdevDir[] = "/etc/vdev";
 inline constexpr char kVdevDockerDir[] = "/etc/vdev/docker";
-inline constexpr char kVdevLockFile[] = "/tmp/.vdx_virtual.lock";
 inline constexpr char kSysfsGroupDir[] = "/sys/devices/virtual/kfd/kfd/group";
 
 inline constexpr int kMaxVirtualDevices = 32;       // ids 0..31, host-wide
@@ -83,6 +84,7 @@ typedef struct _virtual_device_info {
   int pipe_id;
   time_t mtime;      // of the file it was read from
   long mtime_nsec;   // and its nanoseconds: another process's change in the same second shows
+  int file_id;       // the id in the name of that file (vdev_id may differ in a hand-made one)
 } virtual_device_info;
 
 // One container group that the driver reports in sysfs.
@@ -159,6 +161,13 @@ class Dmvirtual {
   // Start (make the instances and bind the process) or stop (destroy them and unbind).
   vdxStatus iStartOrStop(bool start, const char* caller, int* vdev_ids, int count);
   vdxStatus iDestroyVdev(int vdev_id);
+  // Which process made each driver instance. Made here (record) or destroyed by this process,
+  // whoever made it (forget): kept in created_vxcus and, for root, in the host's record
+  // (run_state.h) under the exclusive lock, which a root caller holds.
+  void iRecordInstance(int device, int pipe);
+  void iForgetInstance(int device, int pipe);
+  // At exit: destroys the instances this process made that nobody destroyed or replaced since.
+  void iDestroyOwnInstancesAtExit();
   // Configuration files; caller holds virtual_device_lock exclusively (the file lock too
   // where the read must agree with a writer in another process).
   vdxStatus iInitVirtualDevice();
@@ -215,6 +224,12 @@ class Dmvirtual {
   pid_t dmvirtual_pid = -1;
   time_t virtual_mtime = 0;
   long virtual_mtime_nsec = 0;  // changes within one second are changes too
+  // The generation (run_state.h) that the view was loaded at; a query trusts the view only
+  // while the generation is the same.
+  std::string generation_seen;
+  // The view was loaded within one clock tick of the directory's time stamp: a change made
+  // in the same tick would not move the stamp, so the next query loads it again.
+  bool view_racy = false;
 };
 
 #endif  // ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
