@@ -3,9 +3,11 @@
 // devices (goal: each within 2x):
 //   vdxGetDeviceCount          nothing but the gate: against a mutex lock and unlock
 //   vdxGetDeviceInfo           one driver request (free memory)
-//   vdxGetVDeviceInfo          the lock file (open, flock, close), the file's time stamp, the
-//                              driver's group directory, one driver request (the instance)
-//   vdxGetDeviceRemainingInfo  the lock file and the directory's time stamp
+//   vdxGetVDeviceInfo          the lock file (open, flock, close), the generation (open, read,
+//                              close), the file's time stamp, the driver's group directory,
+//                              one driver request (the instance)
+//   vdxGetDeviceRemainingInfo  the lock file, the generation and the directory's time stamp
+// and prints what the freshness check (reading the generation) costs by itself.
 //   vdxGetDevBusyPercent       one driver request (busy units)
 // Runs the shipped library. Run without arguments: it starts its own sandbox.
 //
@@ -56,7 +58,7 @@ void Check(vdxStatus status, const char* what) {
 }
 
 void Report(const char* query, double library_us, const char* floor, double floor_us) {
-  std::printf("  %-26s %7.2f us   %-34s %7.2f us   ratio %.2f\n", query, library_us, floor,
+  std::printf("  %-26s %7.2f us   %-44s %7.2f us   ratio %.2f\n", query, library_us, floor,
               floor_us, library_us / floor_us);
 }
 
@@ -64,6 +66,15 @@ void Report(const char* query, double library_us, const char* floor, double floo
 void SharedLock() {
   const int fd = open("/run/zovdx/vdx_virtual.lock", O_RDWR | O_CLOEXEC);
   flock(fd, LOCK_SH);
+  close(fd);
+}
+
+// The freshness check every configuration query makes: has anything changed since?
+void GenerationRead() {
+  char text[128];
+  const int fd = open("/run/zovdx/generation", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  if (read(fd, text, sizeof(text)) < 0) std::perror("query_bench: generation");
   close(fd);
 }
 
@@ -105,8 +116,9 @@ int Inner(int calls) {
   struct stat st;
   Report("vdxGetVDeviceInfo",
          PerCall(calls, [&] { Check(vdxGetVDeviceInfo(2, &info), "vdev info"); }),
-         "lock, stat, group dir, instance request", PerCall(calls, [&] {
+         "lock, generation, stat, group dir, instance", PerCall(calls, [&] {
            SharedLock();
+           GenerationRead();
            stat("/etc/vdev/vdev2.conf", &st);
            GroupListing();
            query = mkfd_ioctl_query_vgpu_info_args{};
@@ -120,10 +132,13 @@ int Inner(int calls) {
   size_t cus = 0, bytes = 0;
   Report("vdxGetDeviceRemainingInfo",
          PerCall(calls, [&] { Check(vdxGetDeviceRemainingInfo(0, &cus, &bytes), "remaining"); }),
-         "lock, stat of the directory", PerCall(calls, [&] {
+         "lock, generation, stat of the directory", PerCall(calls, [&] {
            SharedLock();
+           GenerationRead();
            stat("/etc/vdev", &st);
          }));
+  std::printf("  of which the freshness check (generation: open, read, close) %.2f us\n",
+              PerCall(calls, GenerationRead));
 
   mkfd_ioctl_get_cu_busy_args busy{};
   busy.gpu_id = kGpu0;

@@ -249,9 +249,20 @@ int OpenOrCreateLockFile(int dir_fd, const std::string& name, const std::string&
   return fd.release();
 }
 
-// The directory of a root-only lock: created 0755 when missing; refused (EPERM) unless it is
-// a directory of root's that nobody else may write, so that nobody else can plant or swap the
-// lock file in it. Returns a descriptor of it, or -1 with *err set.
+// A directory that may hold a root-only lock: root's, and nobody else may write it, so that
+// nobody else can plant or swap the lock file in it.
+bool IsRootOnlyDirectory(const struct stat& st) {
+  return S_ISDIR(st.st_mode) && st.st_uid == 0 && (st.st_mode & 022) == 0;
+}
+
+// A root-only lock file: a regular file of root's that nobody else may open (and so lock).
+bool IsRootOnlyLockFile(int fd) {
+  struct stat st;
+  return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & 077) == 0;
+}
+
+// The directory of a root-only lock, created 0755 when missing; refused (EPERM) unless it is
+// a root-only directory. Returns a descriptor of it, or -1 with *err set.
 int OpenRootLockDirectory(const std::string& dir, int* err) {
   const bool made = mkdir(dir.c_str(), 0755) == 0;
   if (!made && errno != EEXIST) {
@@ -268,8 +279,46 @@ int OpenRootLockDirectory(const std::string& dir, int* err) {
     return -1;
   }
   struct stat st;
-  if (fstat(fd.get(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
-      (st.st_mode & 022) != 0) {
+  if (fstat(fd.get(), &st) != 0 || !IsRootOnlyDirectory(st)) {
+    *err = EPERM;
+    return -1;
+  }
+  return fd.release();
+}
+
+// Opens the root-only lock file path in dir, making both when missing. The common case, both
+// there, costs a look at the directory (without following a link: only root can change what
+// /run holds) and one open.
+int OpenRootLockFile(const std::string& dir, const std::string& name, const std::string& path,
+                     bool* existed, int* err) {
+  *existed = true;
+  struct stat st;
+  if (lstat(dir.c_str(), &st) == 0) {
+    if (!IsRootOnlyDirectory(st)) {
+      *err = EPERM;
+      return -1;
+    }
+    utils::FdHandle fd(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (fd.get() >= 0) {
+      LOG_DEBUG("[%s] lock file %s exist, open it.\n", "FileLocker", path.c_str());
+      if (!IsRootOnlyLockFile(fd.get())) {
+        *err = EPERM;
+        return -1;
+      }
+      return fd.release();
+    }
+    if (errno != ENOENT) {
+      *err = errno;
+      return -1;
+    }
+  } else if (errno != ENOENT) {
+    *err = errno;
+    return -1;
+  }
+  const utils::FdHandle dir_fd(OpenRootLockDirectory(dir, err));
+  if (dir_fd.get() < 0) return -1;
+  utils::FdHandle fd(OpenOrCreateLockFile(dir_fd.get(), name, path, 0600, existed, err));
+  if (fd.get() >= 0 && !IsRootOnlyLockFile(fd.get())) {
     *err = EPERM;
     return -1;
   }
@@ -291,19 +340,8 @@ FileLocker::FileLocker(const std::string& lockFile, int lockType, bool nonBlocki
   } else {
     const size_t slash = lock_file_.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : lock_file_.substr(0, slash);
-    const utils::FdHandle dir_fd(OpenRootLockDirectory(dir.empty() ? "/" : dir, &err));
-    if (dir_fd.get() >= 0) {
-      fd.reset(OpenOrCreateLockFile(dir_fd.get(), lock_file_.substr(slash + 1), lock_file_, 0600,
-                                    &existed, &err));
-    }
-    // Only root may hold it: a file of anyone else's, or one that others may open (and so
-    // lock), would let them stall every change.
-    struct stat st;
-    if (fd.get() >= 0 &&
-        (fstat(fd.get(), &st) != 0 || st.st_uid != 0 || (st.st_mode & 077) != 0)) {
-      fd.reset();
-      err = EPERM;
-    }
+    fd.reset(OpenRootLockFile(dir.empty() ? "/" : dir, lock_file_.substr(slash + 1), lock_file_,
+                              &existed, &err));
   }
   if (fd.get() < 0) {
     throw OpenLockFileError(std::string(kRedError) +

@@ -3,6 +3,7 @@
 // readers without the lock see one version or the next, never a mix.
 #include "virtual/run_state.h"
 
+#include <fcntl.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -60,9 +61,16 @@ void ConfigLock::Unlock() {
 }
 
 std::string ReadGeneration() {
-  std::string text;
-  if (!ReadSmallFile(kGenerationFile, text, 256)) return "";
-  return text;
+  // Every query reads it: one open, one read, one close.
+  const int fd = open(kGenerationFile, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return "";
+  char text[128];
+  ssize_t n;
+  do {
+    n = read(fd, text, sizeof(text));
+  } while (n < 0 && errno == EINTR);
+  close(fd);
+  return n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
 }
 
 bool BumpGeneration() {
