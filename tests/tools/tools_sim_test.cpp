@@ -3,17 +3,22 @@
 // vdxd's restore, following of changes, stop on request, clean exit and metrics page; the CDI
 // document's edits applied to a process in a private mount namespace.
 #include <fcntl.h>
+#include <grp.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -330,6 +335,117 @@ TEST(Vdxd, MetricsPage) {
                            "container=\"0x0\"}"],
                    0.25)
       << "2 busy of its 8 units";
+}
+
+bool DropTo(uid_t uid) {
+  return setgroups(0, nullptr) == 0 && setresgid(uid, uid, uid) == 0 &&
+         setresuid(uid, uid, uid) == 0;
+}
+
+// A client of vdxd's control socket that sends one byte every 200 ms for as long as it lives,
+// never a whole line: as another user (uid) or as root.
+pid_t Trickler(uid_t uid) {
+  fflush(stdout);
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  if (uid != 0 && !DropTo(uid)) _exit(3);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address;
+  memset(&address, 0, sizeof(address));
+  address.sun_family = AF_UNIX;
+  const char kName[] = "zovdx-vdxd-control";
+  memcpy(address.sun_path + 1, kName, sizeof(kName) - 1);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address),
+              offsetof(sockaddr_un, sun_path) + 1 + sizeof(kName) - 1) != 0)
+    _exit(4);
+  for (int i = 0; i < 50; ++i) {
+    send(fd, "s", 1, MSG_NOSIGNAL);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  _exit(0);
+}
+
+double SecondsOf(const std::function<void()>& body) {
+  const auto start = std::chrono::steady_clock::now();
+  body();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Clients that send a byte now and then, root's among them, hold neither vdxctl's requests,
+// nor the re-check, nor SIGTERM.
+TEST(Vdxd, NobodyCanStallTheControlSocket) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8 --memory 1024").exit, 0);
+  Daemon daemon;
+  ASSERT_TRUE(Within([] { return Instances().size() == 1; }));
+  std::vector<pid_t> tricklers;
+  const bool can_drop = Shell("setpriv --reuid=65534 --regid=65534 --clear-groups true").exit == 0;
+  for (int i = 0; i < 4; ++i) tricklers.push_back(Trickler(can_drop && i > 0 ? 65534 : 0));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+
+  Result r;
+  EXPECT_LT(SecondsOf([&] { r = Vdxctl("stop 0"); }), 1.0);
+  EXPECT_EQ(r.exit, 0) << r.err;
+  EXPECT_LT(SecondsOf([&] { r = Vdxctl("start 0"); }), 1.0);
+  EXPECT_EQ(r.exit, 0) << r.err;
+  ASSERT_EQ(Vdxctl("create 1 --units 4 --memory 512").exit, 0);
+  EXPECT_TRUE(Within([] { return Instances().size() == 2; })) << "a new one starts within a second";
+  // Another user never gets an answer but "root only", and gets it at once.
+  if (can_drop) {
+    r = Shell("setpriv --reuid=65534 --regid=65534 --clear-groups " + kCtl + " stop 0");
+    EXPECT_NE(r.exit, 0);
+    EXPECT_EQ(Instances().size(), 2u);
+  }
+  EXPECT_LT(SecondsOf([&] { EXPECT_EQ(daemon.Stop(), 0); }), 1.0);
+  for (pid_t pid : tricklers) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+}
+
+// Files the library cannot use (disabled, damaged, not a regular file) cost only their own
+// virtual devices: the others are listed and started, each bad one is named once.
+TEST(Vdxd, BadFilesCostOnlyThemselves) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8,8 --memory 1024,1024").exit, 0);
+  std::ofstream("/etc/vdev/vdev5.conf") << Slurp("/etc/vdev/vdev1.conf") << "enable: 0\n";
+  std::ofstream("/etc/vdev/vdev6.conf") << "PciBusId: nonsense\n";
+  ASSERT_EQ(mkfifo("/etc/vdev/vdev7.conf", 0644), 0);
+
+  const Result vdevs = Vdxctl("--format json vdevs");
+  ASSERT_EQ(vdevs.exit, 0) << vdevs.err;
+  EXPECT_EQ(json::parse(vdevs.out)["virtual_devices"].size(), 2u);
+  for (int id : {5, 6, 7})
+    EXPECT_TRUE(Has(vdevs.err, "virtual device " + std::to_string(id) + " left out")) << vdevs.err;
+  EXPECT_EQ(Vdxctl("cdi generate").exit, 0);
+
+  Daemon daemon;
+  EXPECT_TRUE(Within([] { return Instances().size() == 2; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // two re-checks
+  const std::string log = Slurp("/tmp/vdxd.log");
+  for (int id : {5, 6, 7}) {
+    const std::string line = "cannot use virtual device " + std::to_string(id) + ":";
+    size_t count = 0;
+    for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++count;
+    EXPECT_EQ(count, 1u) << line << "\n" << log;
+  }
+  const Result page = Shell("curl -sf http://127.0.0.1:9464/metrics");
+  ASSERT_EQ(page.exit, 0);
+  EXPECT_TRUE(Has(page.out, "\nvdx_vdev_unusable_files 3\n")) << page.out;
+  EXPECT_TRUE(Has(page.out, "vdx_vdev_started{vdev=\"1\"")) << page.out;
+}
+
+// Started before the host manager service, vdxd cannot work (the library's start-up is never
+// tried again): it says why and exits non-zero at once, so that its supervisor starts it again.
+TEST(Vdxd, StartedBeforeTheServiceExitsAndLaterWorks) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8 --memory 1024").exit, 0);
+  std::string ignored;
+  ASSERT_EQ(vdxsim::SimControl({"service", "stop"}, &ignored), 0);
+  Result r;
+  EXPECT_LT(SecondsOf([&] { r = Shell(std::string(VDXD_BIN) + " --interval 1"); }), 5.0);
+  EXPECT_EQ(r.exit, 1);
+  EXPECT_TRUE(Has(r.err, "(status 13)")) << r.err;
+  ASSERT_EQ(vdxsim::SimControl({"service", "start"}, &ignored), 0);
+  Daemon daemon;
+  EXPECT_TRUE(Within([] { return Instances().size() == 1; }));
 }
 
 // The CDI edits, applied as a runtime would (bind mounts in a mount namespace of its own),

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -89,20 +90,91 @@ int ListenControl() {
   return fd;
 }
 
-bool ReadRequest(int client, std::string* request) {
-  timeval limit = {5, 0};
-  setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-  return ReadLine(client, request);
-}
-
-void WriteAnswer(int client, int status, const std::string& text) {
-  WriteAll(client, std::to_string(status) + " " + text + "\n");
-}
-
 bool PeerIsRoot(int client) {
   ucred peer;
   socklen_t size = sizeof(peer);
   return getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == 0;
+}
+
+ControlServer::~ControlServer() {
+  for (const Client& client : clients_) close(client.fd);
+}
+
+void ControlServer::AddPollFds(std::vector<pollfd>* fds) const {
+  fds->push_back({listen_fd_, POLLIN, 0});
+  for (const Client& client : clients_) fds->push_back({client.fd, POLLIN, 0});
+}
+
+int ControlServer::MillisecondsToNextDeadline() const {
+  if (clients_.empty()) return -1;
+  auto next = clients_.front().deadline;
+  for (const Client& client : clients_) next = std::min(next, client.deadline);
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+      next - std::chrono::steady_clock::now());
+  return left.count() < 0 ? 0 : static_cast<int>(left.count()) + 1;
+}
+
+void ControlServer::Drop(size_t index) {
+  close(clients_[index].fd);
+  clients_.erase(clients_.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
+void ControlServer::Accept() {
+  // A bounded number per round, so that a flood of connections cannot keep the loop here.
+  for (int round = 0; round < 64; ++round) {
+    const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) return;
+    if (!PeerIsRoot(fd)) {
+      // Not a word is read from anyone but root.
+      const std::string answer = "19 root only\n";
+      send(fd, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      close(fd);
+      continue;
+    }
+    if (clients_.size() >= kMaxClients) {
+      const std::string answer = "1 busy\n";
+      send(fd, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      close(fd);
+      continue;
+    }
+    clients_.push_back({fd, std::string(),
+                        std::chrono::steady_clock::now() +
+                            std::chrono::milliseconds(kRequestDeadlineMs)});
+  }
+}
+
+void ControlServer::Serve(const std::vector<pollfd>& fds, size_t first,
+                          const std::function<Answer(const std::string&)>& handle) {
+  // The clients polled are the first ones of clients_, in order; Accept only appends.
+  const size_t polled = fds.size() > first + 1 ? fds.size() - first - 1 : 0;
+  std::vector<bool> done(clients_.size(), false);
+  for (size_t i = 0; i < polled && i < clients_.size(); ++i) {
+    if (fds[first + 1 + i].revents == 0) continue;
+    Client& client = clients_[i];
+    char buffer[kMaxRequest];
+    const ssize_t n = recv(client.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+    if (n <= 0) {
+      done[i] = true;
+      continue;
+    }
+    client.request.append(buffer, static_cast<size_t>(n));
+    const size_t end = client.request.find('\n');
+    if (end == std::string::npos) {
+      done[i] = client.request.size() >= kMaxRequest;  // no line that long is a request
+      continue;
+    }
+    const Answer answer = handle(client.request.substr(0, end));
+    // A few dozen bytes into an empty socket buffer: one send, never a wait.
+    const std::string line = std::to_string(answer.status) + " " + answer.text + "\n";
+    send(client.fd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    done[i] = true;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  for (size_t i = done.size(); i-- > 0;) {
+    if (done[i] || clients_[i].deadline <= now) Drop(i);
+  }
+  if (!fds.empty() && (fds[first].revents & POLLIN)) Accept();
 }
 
 }  // namespace vdxtool

@@ -43,8 +43,9 @@ vdxStatus ListDevices(std::vector<DeviceView>* devices) {
   return VDX_STATUS_SUCCESS;
 }
 
-vdxStatus ListVdevs(std::vector<VdevView>* vdevs) {
+vdxStatus ListVdevs(std::vector<VdevView>* vdevs, std::vector<UnusableVdev>* unusable) {
   vdevs->clear();
+  if (unusable != nullptr) unusable->clear();
   // Each id is asked for, not just as many as the count says: the query of one id looks
   // for its file, so a virtual device another process made a moment ago is found even when
   // the count was taken from a view a moment older.
@@ -55,7 +56,12 @@ vdxStatus ListVdevs(std::vector<VdevView>* vdevs) {
     vdxDeviceInfo info;
     status = vdxGetVDeviceInfo(id, &info);
     if (status == VDX_STATUS_VDEV_NOT_EXIST) continue;
-    if (status != VDX_STATUS_SUCCESS) return status;
+    if (status != VDX_STATUS_SUCCESS) {
+      // The count answered, so the configuration as a whole can be read: only this file is
+      // bad, and it costs only its own virtual device.
+      if (unusable != nullptr) unusable->push_back({id, status});
+      continue;
+    }
     VdevView view;
     view.id = id;
     view.device = info.device_id;

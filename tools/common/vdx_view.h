@@ -43,9 +43,18 @@ struct VdevView {
 // The library's text for a status ("unknown status N" for one it does not know).
 std::string StatusText(vdxStatus status);
 
+// A configured virtual device that the library cannot use (its file is damaged, disabled, not
+// a regular file, names no device here...): its id and the status its query gave.
+struct UnusableVdev {
+  int id = 0;
+  vdxStatus status = VDX_STATUS_ERROR;
+};
+
 // Fill the views. A failing count is returned; a detail a device cannot answer is left unset.
+// One unusable virtual device never hides the others: it is left out of *vdevs and, when
+// unusable is given, named there.
 vdxStatus ListDevices(std::vector<DeviceView>* devices);
-vdxStatus ListVdevs(std::vector<VdevView>* vdevs);
+vdxStatus ListVdevs(std::vector<VdevView>* vdevs, std::vector<UnusableVdev>* unusable = nullptr);
 
 // The pipe written in /etc/vdev/vdev<id>.conf, or -1.
 int PipeOf(int id);

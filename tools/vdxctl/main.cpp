@@ -43,6 +43,17 @@ int Fail(const std::string& what, vdxStatus status) {
   return LibraryExit(status);
 }
 
+// The virtual devices; each one whose file the library cannot use is named on standard error
+// and left out, so that one bad file never hides the others.
+vdxStatus ListUsableVdevs(std::vector<vdxtool::VdevView>* vdevs) {
+  std::vector<vdxtool::UnusableVdev> unusable;
+  const vdxStatus status = vdxtool::ListVdevs(vdevs, &unusable);
+  for (const vdxtool::UnusableVdev& u : unusable)
+    fprintf(stderr, "vdxctl: virtual device %d left out: %s (status %d)\n", u.id,
+            vdxtool::StatusText(u.status).c_str(), static_cast<int>(u.status));
+  return status;
+}
+
 void PrintJson(const nlohmann::json& j) { printf("%s\n", j.dump(2).c_str()); }
 
 // devices, vdevs and list: the physical devices, the virtual devices, or both. In JSON both
@@ -56,7 +67,7 @@ int Show(bool with_devices, bool with_vdevs, Format format) {
     if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
   }
   if (with_vdevs) {
-    const vdxStatus status = vdxtool::ListVdevs(&vdevs);
+    const vdxStatus status = ListUsableVdevs(&vdevs);
     if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
   }
   if (format == Format::kJson) {
@@ -85,7 +96,7 @@ int Busy(Format format, int watch_seconds, int rounds) {
     std::vector<vdxtool::VdevView> vdevs;
     vdxStatus status = vdxtool::ListDevices(&devices);
     if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
-    status = vdxtool::ListVdevs(&vdevs);
+    status = ListUsableVdevs(&vdevs);
     if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
     if (format == Format::kJson) {
       // One object per line when watching, so that each can be read as it comes.
@@ -170,7 +181,7 @@ int Encryption(Format format, const std::string& value) {
 
 int CdiGenerate(const std::string& output) {
   std::vector<vdxtool::VdevView> vdevs;
-  const vdxStatus status = vdxtool::ListVdevs(&vdevs);
+  const vdxStatus status = ListUsableVdevs(&vdevs);
   if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
   std::vector<int> ids;
   for (const auto& v : vdevs) ids.push_back(v.id);

@@ -13,10 +13,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -49,15 +58,26 @@ class Service {
  public:
   // Starts every configured virtual device that is not running and was not stopped on
   // request. Starting is idempotent: one that runs as configured is left alone; one whose
-  // instance an update removed is started again with its new shape.
+  // instance an update removed is started again with its new shape. A virtual device whose
+  // file cannot be used is reported once (until its trouble changes) and costs only itself.
   void Sync() {
     std::vector<vdxtool::VdevView> vdevs;
-    const vdxStatus status = vdxtool::ListVdevs(&vdevs);
+    std::vector<vdxtool::UnusableVdev> unusable;
+    const vdxStatus status = vdxtool::ListVdevs(&vdevs, &unusable);
     if (status != VDX_STATUS_SUCCESS) {
       Say("cannot read the configuration: %s (status %d)", vdxtool::StatusText(status).c_str(),
           status);
       return;
     }
+    std::map<int, vdxStatus> now_unusable;
+    for (const vdxtool::UnusableVdev& u : unusable) {
+      now_unusable[u.id] = u.status;
+      const auto known = unusable_.find(u.id);
+      if (known == unusable_.end() || known->second != u.status)
+        Say("cannot use virtual device %d: %s (status %d); the others go on", u.id,
+            vdxtool::StatusText(u.status).c_str(), u.status);
+    }
+    unusable_.swap(now_unusable);
     std::set<int> configured;
     for (const vdxtool::VdevView& v : vdevs) {
       configured.insert(v.id);
@@ -75,39 +95,109 @@ class Service {
       it = configured.count(*it) ? std::next(it) : stopped_.erase(it);
   }
 
-  // One request of vdxctl; the answer is the library's status and a word.
-  void Handle(int client) {
-    std::string request;
-    if (!vdxtool::ReadRequest(client, &request)) return;
-    if (!vdxtool::PeerIsRoot(client)) {
-      vdxtool::WriteAnswer(client, VDX_STATUS_PERMISSION, "root only");
-      return;
-    }
+  // The metrics page as it stands now. Made here, in the main loop, so that a scrape only
+  // copies text and never waits on the library.
+  void RefreshMetrics() {
+    std::vector<vdxtool::DeviceView> devices;
+    std::vector<vdxtool::VdevView> vdevs;
+    std::vector<vdxtool::UnusableVdev> unusable;
+    vdxStatus status = vdxtool::ListDevices(&devices);
+    if (status == VDX_STATUS_SUCCESS) status = vdxtool::ListVdevs(&vdevs, &unusable);
+    std::lock_guard<std::mutex> lock(page_lock_);
+    page_ok_ = status == VDX_STATUS_SUCCESS;
+    page_ = page_ok_ ? vdxd::RenderMetrics(devices, vdevs, unusable.size())
+                     : vdxtool::StatusText(status) + "\n";
+  }
+  // The page and whether it holds metrics (else the reason there are none).
+  bool Page(std::string* text) {
+    std::lock_guard<std::mutex> lock(page_lock_);
+    *text = page_;
+    return page_ok_;
+  }
+
+  // One request of vdxctl (root's: the control server has checked); the answer is the
+  // library's status and a word.
+  vdxtool::ControlServer::Answer Handle(const std::string& request) {
     char verb[16] = {0};
     int id = -1;
-    if (request == "ping") {
-      vdxtool::WriteAnswer(client, VDX_STATUS_SUCCESS, "running");
-    } else if (sscanf(request.c_str(), "%15s %d", verb, &id) == 2 && strcmp(verb, "start") == 0) {
+    if (request == "ping") return {VDX_STATUS_SUCCESS, "running"};
+    if (sscanf(request.c_str(), "%15s %d", verb, &id) == 2 && strcmp(verb, "start") == 0) {
       const vdxStatus status = vdxStartVDevice(id);
       if (status == VDX_STATUS_SUCCESS) {
         stopped_.erase(id);
         Say("started virtual device %d on request", id);
       }
-      vdxtool::WriteAnswer(client, status, status == VDX_STATUS_SUCCESS ? "started" : "failed");
-    } else if (sscanf(request.c_str(), "%15s %d", verb, &id) == 2 && strcmp(verb, "stop") == 0) {
+      return {status, status == VDX_STATUS_SUCCESS ? "started" : "failed"};
+    }
+    if (sscanf(request.c_str(), "%15s %d", verb, &id) == 2 && strcmp(verb, "stop") == 0) {
       const vdxStatus status = vdxStopVDevice(id);
       if (status == VDX_STATUS_SUCCESS) {
         stopped_.insert(id);
         Say("stopped virtual device %d on request", id);
       }
-      vdxtool::WriteAnswer(client, status, status == VDX_STATUS_SUCCESS ? "stopped" : "failed");
-    } else {
-      vdxtool::WriteAnswer(client, VDX_STATUS_INVALID_ARGUMENTS, "unknown request");
+      return {status, status == VDX_STATUS_SUCCESS ? "stopped" : "failed"};
     }
+    return {VDX_STATUS_INVALID_ARGUMENTS, "unknown request"};
   }
 
  private:
-  std::set<int> stopped_;  // stopped on request: not started again until asked
+  std::set<int> stopped_;                // stopped on request: not started again until asked
+  std::map<int, vdxStatus> unusable_;    // reported already, with the status it gave
+  std::mutex page_lock_;
+  std::string page_ = "starting\n";
+  bool page_ok_ = false;
+};
+
+// httplib's own pool queues every accepted connection, so that idle connections by the
+// thousand take as many descriptors. This pool makes the accepting thread wait while
+// kMaxQueued connections wait for a worker: the rest stay in the kernel's backlog and take none
+// of vdxd's descriptors.
+class BoundedPool : public httplib::TaskQueue {
+ public:
+  static constexpr size_t kThreads = 4;
+  static constexpr size_t kMaxQueued = 16;
+
+  BoundedPool() {
+    for (size_t i = 0; i < kThreads; ++i) workers_.emplace_back([this] { Work(); });
+  }
+  void enqueue(std::function<void()> fn) override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    room_.wait(lock, [this] { return stopping_ || jobs_.size() < kMaxQueued; });
+    if (stopping_) return;
+    jobs_.push_back(std::move(fn));
+    ready_.notify_one();
+  }
+  void shutdown() override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    ready_.notify_all();
+    room_.notify_all();
+    for (std::thread& worker : workers_) worker.join();
+  }
+
+ private:
+  void Work() {
+    for (;;) {
+      std::function<void()> job;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ready_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
+        if (jobs_.empty()) return;  // stopping, nothing left
+        job = std::move(jobs_.front());
+        jobs_.pop_front();
+      }
+      room_.notify_one();
+      job();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable ready_, room_;
+  std::deque<std::function<void()>> jobs_;
+  std::vector<std::thread> workers_;
+  bool stopping_ = false;
 };
 
 // (Re)watches the configuration directory; -1 while it cannot be watched.
@@ -170,6 +260,28 @@ int main(int argc, char** argv) {
   sigaddset(&signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // before any thread, so all inherit it
   const int signal_fd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (signal_fd < 0) {
+    // With the signals blocked and no way to read them, nothing could stop vdxd.
+    fprintf(stderr, "vdxd: cannot watch for signals: %s\n", strerror(errno));
+    return 1;
+  }
+  // Idle HTTP clients must not take the descriptors the library needs: as many as allowed.
+  rlimit files;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
+  }
+
+  // The library's start-up happens once per process and is never tried again: when it
+  // failed (the host manager service not up yet, say), only a new process can succeed, so
+  // vdxd says why and exits for its supervisor to start it again.
+  int device_count = 0;
+  const vdxStatus started_up = vdxGetDeviceCount(&device_count);
+  if (started_up != VDX_STATUS_SUCCESS) {
+    fprintf(stderr, "vdxd: the library cannot start: %s (status %d)\n",
+            vdxtool::StatusText(started_up).c_str(), static_cast<int>(started_up));
+    return 1;
+  }
 
   const int control = vdxtool::ListenControl();
   if (control < 0) {
@@ -177,21 +289,27 @@ int main(int argc, char** argv) {
             strerror(errno));
     return 1;
   }
+  vdxtool::ControlServer control_server(control);
   const int inotify = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   int watch = Watch(inotify, -1);
 
+  Service service;
   httplib::Server server;
-  server.Get("/metrics", [](const httplib::Request&, httplib::Response& response) {
-    std::vector<vdxtool::DeviceView> devices;
-    std::vector<vdxtool::VdevView> vdevs;
-    const vdxStatus status = vdxtool::ListDevices(&devices);
-    if (status == VDX_STATUS_SUCCESS) vdxtool::ListVdevs(&vdevs);
-    if (status != VDX_STATUS_SUCCESS) {
+  server.new_task_queue = [] { return new BoundedPool(); };
+  // No client holds a worker long: a request must come, and its answer go, within a second.
+  server.set_read_timeout(1, 0);
+  server.set_write_timeout(1, 0);
+  server.set_keep_alive_timeout(1);
+  server.set_keep_alive_max_count(16);
+  server.set_payload_max_length(4096);
+  server.Get("/metrics", [&service](const httplib::Request&, httplib::Response& response) {
+    std::string page;
+    if (!service.Page(&page)) {
       response.status = 503;
-      response.set_content(vdxtool::StatusText(status) + "\n", "text/plain");
+      response.set_content(page, "text/plain");
       return;
     }
-    response.set_content(vdxd::RenderMetrics(devices, vdevs), "text/plain; version=0.0.4");
+    response.set_content(page, "text/plain; version=0.0.4");
   });
   if (!server.bind_to_port(host.c_str(), port)) {
     fprintf(stderr, "vdxd: cannot serve metrics on %s\n", listen.c_str());
@@ -199,27 +317,31 @@ int main(int argc, char** argv) {
   }
   std::thread http([&server] { server.listen_after_bind(); });
 
-  Service service;
   service.Sync();
+  service.RefreshMetrics();
   Say("running: metrics on http://%s/metrics, re-check every %d s", listen.c_str(), interval);
+  auto next_check = std::chrono::steady_clock::now() + std::chrono::seconds(interval);
   for (;;) {
-    pollfd fds[3] = {{signal_fd, POLLIN, 0}, {control, POLLIN, 0}, {inotify, POLLIN, 0}};
-    const int ready = poll(fds, 3, interval * 1000);
+    std::vector<pollfd> fds = {{signal_fd, POLLIN, 0}, {inotify, POLLIN, 0}};
+    control_server.AddPollFds(&fds);
+    const auto until_check = std::chrono::duration_cast<std::chrono::milliseconds>(
+        next_check - std::chrono::steady_clock::now());
+    int timeout = static_cast<int>(std::max<long long>(0, until_check.count()));
+    const int deadline = control_server.MillisecondsToNextDeadline();
+    if (deadline >= 0) timeout = std::min(timeout, deadline);
+    const int ready = poll(fds.data(), fds.size(), timeout);
     if (ready < 0 && errno == EINTR) continue;
     if (fds[0].revents & POLLIN) break;
-    if (fds[1].revents & POLLIN) {
-      const int client = accept4(control, nullptr, nullptr, SOCK_CLOEXEC);
-      if (client >= 0) {
-        service.Handle(client);
-        close(client);
-      }
-    }
-    if (fds[2].revents & POLLIN) {
-      if (!DrainEvents(inotify)) watch = -1;
-    }
-    if (ready == 0 || (fds[2].revents & POLLIN)) {
+    control_server.Serve(fds, 2, [&service](const std::string& request) {
+      return service.Handle(request);
+    });
+    const bool changed = (fds[1].revents & POLLIN) != 0;
+    if (changed && !DrainEvents(inotify)) watch = -1;
+    if (changed || std::chrono::steady_clock::now() >= next_check) {
       watch = Watch(inotify, watch);
       service.Sync();
+      service.RefreshMetrics();
+      next_check = std::chrono::steady_clock::now() + std::chrono::seconds(interval);
     }
   }
   Say("stopping: the virtual devices started here go with this process");

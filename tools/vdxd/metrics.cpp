@@ -52,7 +52,7 @@ void Family(std::string* out, const char* name, const char* help, const std::vec
 }  // namespace
 
 std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
-                          const std::vector<vdxtool::VdevView>& vdevs) {
+                          const std::vector<vdxtool::VdevView>& vdevs, size_t unusable) {
   using D = vdxtool::DeviceView;
   using V = vdxtool::VdevView;
   std::string out;
@@ -97,6 +97,10 @@ std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
               *v = x.busy_percent / 100.0;
               return x.has_busy && x.busy_percent >= 0;
             });
+  out += "# HELP vdx_vdev_unusable_files Configured virtual devices whose file cannot be used "
+         "(damaged, disabled, or naming no device here); the others are not concerned.\n";
+  out += "# TYPE vdx_vdev_unusable_files gauge\n";
+  out += "vdx_vdev_unusable_files " + std::to_string(unusable) + "\n";
   return out;
 }
 

@@ -10,8 +10,9 @@
 
 namespace vdxd {
 
+// unusable: how many configured virtual devices the library cannot use (bad files).
 std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
-                          const std::vector<vdxtool::VdevView>& vdevs);
+                          const std::vector<vdxtool::VdevView>& vdevs, size_t unusable);
 
 }  // namespace vdxd
 
