@@ -54,7 +54,7 @@ vdxStatus ListUsableVdevs(std::vector<vdxtool::VdevView>* vdevs) {
   return status;
 }
 
-void PrintJson(const nlohmann::json& j) { printf("%s\n", j.dump(2).c_str()); }
+void PrintJson(const nlohmann::json& j) { std::fprintf(vdxctl::Out(), "%s\n", j.dump(2).c_str()); }
 
 // devices, vdevs and list: the physical devices, the virtual devices, or both. In JSON both
 // arrays sit in one document; as tables (or CSV blocks) the devices come first, then an empty
@@ -84,7 +84,7 @@ int Show(bool with_devices, bool with_vdevs, Format format) {
     return 0;
   }
   if (with_devices) vdxctl::PrintRows(vdxctl::DeviceRows(devices, format), format);
-  if (with_devices && with_vdevs) printf("\n");
+  if (with_devices && with_vdevs) std::fprintf(vdxctl::Out(), "\n");
   if (with_vdevs) vdxctl::PrintRows(vdxctl::VdevRows(vdevs, format), format);
   return 0;
 }
@@ -109,7 +109,7 @@ int Busy(Format format, int watch_seconds, int rounds) {
                                                             : nlohmann::json(nullptr)}});
       for (const auto& v : vdevs)
         if (v.has_busy) j["virtual_devices"].push_back({{"id", v.id}, {"busy_percent", v.busy_percent}});
-      printf("%s\n", watch_seconds > 0 ? j.dump().c_str() : j.dump(2).c_str());
+      std::fprintf(vdxctl::Out(), "%s\n", watch_seconds > 0 ? j.dump().c_str() : j.dump(2).c_str());
     } else {
       vdxctl::Rows rows;
       rows.header = {"kind", "id", "busy_percent"};
@@ -120,7 +120,7 @@ int Busy(Format format, int watch_seconds, int rounds) {
         if (v.has_busy) rows.rows.push_back({"vdev", std::to_string(v.id), std::to_string(v.busy_percent)});
       vdxctl::PrintRows(rows, format);
     }
-    fflush(stdout);
+    fflush(vdxctl::Out());
     if (watch_seconds <= 0) break;
   }
   return 0;
@@ -138,7 +138,7 @@ int Create(int device, int count, const std::vector<int>& units, const std::vect
   const vdxStatus status = vdxCreateVDevices(device, count, u.empty() ? nullptr : u.data(),
                                              m.empty() ? nullptr : m.data());
   if (status != VDX_STATUS_SUCCESS) return Fail("create", status);
-  printf("created %d virtual device%s on device %d\n", count, count == 1 ? "" : "s", device);
+  std::fprintf(vdxctl::Out(), "created %d virtual device%s on device %d\n", count, count == 1 ? "" : "s", device);
   return 0;
 }
 
@@ -157,7 +157,7 @@ int AskService(const std::string& verb, const std::vector<int>& ids) {
       return kExitNoService;
     }
     if (status != VDX_STATUS_SUCCESS) return Fail(verb + " " + std::to_string(id), static_cast<vdxStatus>(status));
-    printf("%s %d: %s\n", verb == "start" ? "started" : "stopped", id, text.c_str());
+    std::fprintf(vdxctl::Out(), "%s %d: %s\n", verb == "start" ? "started" : "stopped", id, text.c_str());
   }
   return 0;
 }
@@ -173,9 +173,9 @@ int Encryption(Format format, const std::string& value) {
   if (format == Format::kJson)
     PrintJson({{"schema", vdxctl::kJsonSchema}, {"encrypted", encrypted}});
   else if (format == Format::kCsv)
-    printf("encrypted\n%s\n", encrypted ? "true" : "false");
+    std::fprintf(vdxctl::Out(), "encrypted\n%s\n", encrypted ? "true" : "false");
   else
-    printf("encryption: %s\n", encrypted ? "on" : "off");
+    std::fprintf(vdxctl::Out(), "encryption: %s\n", encrypted ? "on" : "off");
   return 0;
 }
 
@@ -187,7 +187,7 @@ int CdiGenerate(const std::string& output) {
   for (const auto& v : vdevs) ids.push_back(v.id);
   const std::string text = vdxctl::CdiSpec(ids).dump(2) + "\n";
   if (output.empty() || output == "-") {
-    printf("%s", text.c_str());
+    std::fprintf(vdxctl::Out(), "%s", text.c_str());
     return 0;
   }
   std::ofstream file(output, std::ios::trunc);
@@ -197,7 +197,7 @@ int CdiGenerate(const std::string& output) {
     fprintf(stderr, "vdxctl: cannot write %s\n", output.c_str());
     return kExitFailure;
   }
-  printf("wrote %s: %zu virtual device%s and \"all\" (kind %s)\n", output.c_str(), ids.size(),
+  std::fprintf(vdxctl::Out(), "wrote %s: %zu virtual device%s and \"all\" (kind %s)\n", output.c_str(), ids.size(),
          ids.size() == 1 ? "" : "s", vdxctl::kCdiKind);
   return 0;
 }
@@ -276,6 +276,9 @@ int main(int argc, char** argv) {
     return kExitUsage;
   }
 
+  // From here on the library may log (--log-level debug, VDX_LOG_LEVEL): its lines go to
+  // standard error, the results alone to standard output.
+  vdxctl::KeepStandardOutputForResults();
   const Format format = format_name == "json"  ? Format::kJson
                         : format_name == "csv" ? Format::kCsv
                                                : Format::kTable;
@@ -291,20 +294,20 @@ int main(int argc, char** argv) {
   if (update->parsed()) {
     const vdxStatus status = vdxUpdateSingleVDevice(vdev, new_units, new_memory);
     if (status != VDX_STATUS_SUCCESS) return Fail("update", status);
-    printf("updated virtual device %d\n", vdev);
+    std::fprintf(vdxctl::Out(), "updated virtual device %d\n", vdev);
     return 0;
   }
   if (destroy->parsed()) {
     if (destroy_device >= 0) {
       const vdxStatus status = vdxDestroyVDevices(destroy_device);
       if (status != VDX_STATUS_SUCCESS) return Fail("destroy", status);
-      printf("destroyed the virtual devices of device %d\n", destroy_device);
+      std::fprintf(vdxctl::Out(), "destroyed the virtual devices of device %d\n", destroy_device);
       return 0;
     }
     for (int id : destroy_ids) {
       const vdxStatus status = vdxDestroySingleVDevice(id);
       if (status != VDX_STATUS_SUCCESS) return Fail("destroy " + std::to_string(id), status);
-      printf("destroyed virtual device %d\n", id);
+      std::fprintf(vdxctl::Out(), "destroyed virtual device %d\n", id);
     }
     return 0;
   }

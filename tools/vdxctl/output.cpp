@@ -1,9 +1,34 @@
 #include "tools/vdxctl/output.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 
 namespace vdxctl {
+
+namespace {
+FILE* g_results = stdout;
+}  // namespace
+
+FILE* Out() { return g_results; }
+
+void KeepStandardOutputForResults() {
+  const int results = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+  if (results < 0) return;
+  FILE* out = fdopen(results, "w");
+  if (out == nullptr) {
+    close(results);
+    return;
+  }
+  fflush(stdout);
+  if (dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    fclose(out);
+    return;
+  }
+  g_results = out;
+}
 namespace {
 
 std::string Hex(uint64_t value) {
@@ -105,7 +130,7 @@ void PrintRows(const Rows& rows, Format format) {
     auto line = [](const std::vector<std::string>& fields) {
       std::string text;
       for (size_t i = 0; i < fields.size(); ++i) text += (i ? "," : "") + CsvField(fields[i]);
-      printf("%s\n", text.c_str());
+      std::fprintf(Out(), "%s\n", text.c_str());
     };
     line(rows.header);
     for (const auto& row : rows.rows) line(row);
@@ -122,7 +147,7 @@ void PrintRows(const Rows& rows, Format format) {
       text += fields[c];
       if (c + 1 < fields.size()) text += std::string(width[c] - fields[c].size() + 2, ' ');
     }
-    printf("%s\n", text.c_str());
+    std::fprintf(Out(), "%s\n", text.c_str());
   };
   line(rows.header);
   for (const auto& row : rows.rows) line(row);

@@ -3,6 +3,7 @@
 #ifndef ZOVDX_TOOLS_VDXCTL_OUTPUT_H_
 #define ZOVDX_TOOLS_VDXCTL_OUTPUT_H_
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,12 @@
 #include "tools/common/vdx_view.h"
 
 namespace vdxctl {
+
+// Where the tool's results go: the real standard output. The library writes its log lines
+// to standard output too; after KeepStandardOutputForResults they go to standard error
+// instead, so that a --format json result stays parseable whatever the log level.
+FILE* Out();
+void KeepStandardOutputForResults();
 
 // Version of the JSON that vdxctl prints; it changes only when a field changes meaning or
 // goes away (new fields may be added within a version).
