@@ -145,11 +145,11 @@ TEST(Vdxctl, CreateUpdateDestroy) {
 
 TEST(Vdxctl, ExitCodesAndRefusals) {
   Result r = Vdxctl("create 0 --count 5");
-  EXPECT_EQ(r.exit, 110);
-  EXPECT_EQ(r.err, "vdxctl: create: Invalid arguments. (status 10)\n");
-  r = Vdxctl("destroy 32");
-  EXPECT_EQ(r.exit, 101);
-  EXPECT_EQ(Vdxctl("update 5 --units 1").exit, 115);
+  EXPECT_EQ(r.exit, 2);
+  EXPECT_EQ(r.err, "--count: Value 5 not in range 1 to 4\nRun with --help for more information.\n");
+  r = Vdxctl("update 5 --units 1");
+  EXPECT_EQ(r.exit, 115);
+  EXPECT_EQ(r.err, "vdxctl: virtual device 5 is not configured\n");
   EXPECT_EQ(Vdxctl("create 0 --units 8 --memory 1,2").exit, 2);
   EXPECT_EQ(Vdxctl("create").exit, 2);
   EXPECT_EQ(Vdxctl("--format xml devices").exit, 2);
@@ -162,6 +162,54 @@ TEST(Vdxctl, ExitCodesAndRefusals) {
   EXPECT_EQ(r.err, "vdxctl: create: Permission denied. (status 19)\n");
   EXPECT_EQ(Shell("setpriv --reuid=65534 --regid=65534 --clear-groups " + kCtl + " devices").exit, 0)
       << "queries work for everyone";
+}
+
+// Every value is checked against what the host has before the library is asked: a bad one is
+// a usage error that names it, and nothing changes on disk or in the driver.
+TEST(Vdxctl, ChecksBeforeItCalls) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8 --memory 1024").exit, 0);
+  ASSERT_EQ(Vdxctl("create 0 --units 0 --memory 512").exit, 0) << "no units: a sharing one";
+  const std::string files = Shell("cat /etc/vdev/*.conf").out;
+  const std::string driver = Dump();
+  const std::map<std::string, std::string> refused = {
+      {"create 0 --units 8,0 --memory 10,10", "must come before"},
+      {"create 0 --memory 0", "--memory: Value 0 not in range"},
+      {"create 0 --units -3", "--units: Value -3 not in range"},
+      {"create 0 --count 0", "--count: Value 0 not in range 1 to 4"},
+      {"create 9", "device: Value 9 not in range 0 to 7"},
+      {"create 2", "device 2 does not exist: this host has devices 0 to 1"},
+      {"create 1 --units 65", "--units 65: device 1 has 0 to 64 compute units"},
+      {"create 0 --memory 40000", "--memory 40000: device 0 has 1 to 32768 MiB"},
+      {"create 0 --units 8 --memory 1,2", "one value per virtual device"},
+      {"update 0 --units -1", "--units: Value -1 not in range 0 to 128"},
+      {"update 0 --memory 0", "--memory: Value 0 not in range"},
+      {"update 0", "update needs --units, --memory or both"},
+      {"update 32 --units 1", "vdev: Value 32 not in range 0 to 31"},
+      {"destroy --device 7", "device 7 does not exist"},
+      {"destroy", "destroy needs virtual device ids or --device"},
+      {"destroy 0 --device 0", "not both"},
+      {"destroy -1", "vdevs: Value -1 not in range 0 to 31"},
+      {"start 40", "vdevs: Value 40 not in range 0 to 31"},
+      {"busy --watch 0", "--watch: Value 0 not in range"},
+      {"busy --rounds 2", "--rounds goes with --watch"},
+      {"busy --watch 1 --rounds 0", "--rounds: Value 0 not in range"},
+      {"frobnicate", "The following argument was not expected: frobnicate"},
+      {"", "A subcommand is required"},
+  };
+  for (const auto& [args, message] : refused) {
+    const Result r = Vdxctl(args);
+    EXPECT_EQ(r.exit, 2) << args << ": " << r.err;
+    EXPECT_TRUE(Has(r.err, message)) << args << ": " << r.err;
+  }
+  const Result unknown = Vdxctl("destroy 7");
+  EXPECT_EQ(unknown.exit, 115);
+  EXPECT_EQ(unknown.err, "vdxctl: virtual device 7 is not configured\n");
+  EXPECT_EQ(Shell("cat /etc/vdev/*.conf").out, files) << "a refused command changed a file";
+  EXPECT_EQ(Dump(), driver) << "a refused command changed the driver";
+
+  const Result nothing = Vdxctl("destroy --device 1");
+  EXPECT_EQ(nothing.exit, 0);
+  EXPECT_EQ(nothing.out, "nothing to destroy: device 1 has no virtual devices\n");
 }
 
 TEST(Vdxctl, BusyEncryptionAndLogLevel) {

@@ -8,8 +8,10 @@
 // 1 to 35); 199 a status the library does not list.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <limits>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -142,6 +144,61 @@ int Create(int device, int count, const std::vector<int>& units, const std::vect
   return 0;
 }
 
+// A usage error that names the value and what the host allows.
+int Usage(const std::string& text) {
+  fprintf(stderr, "vdxctl: %s\n", text.c_str());
+  return kExitUsage;
+}
+
+// The device index and, for a creation, each unit count and memory size against the device.
+int CheckDevice(int device, const std::vector<int>& units, const std::vector<int>& memory) {
+  int count = 0;
+  vdxStatus status = vdxGetDeviceCount(&count);
+  if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
+  if (device >= count)
+    return Usage("device " + std::to_string(device) + " does not exist: this host has devices 0 to " +
+                 std::to_string(count - 1));
+  vdxDeviceInfo info;
+  status = vdxGetDeviceInfo(device, &info);
+  if (status != VDX_STATUS_SUCCESS) return Fail("device " + std::to_string(device), status);
+  // Units of a sharing virtual device (0) are the device's own: sharing ones come first.
+  for (size_t i = 1; i < units.size(); ++i)
+    if (units[i] == 0 && std::any_of(units.begin(), units.begin() + static_cast<long>(i),
+                                     [](int u) { return u > 0; }))
+      return Usage("--units: a virtual device with 0 units shares the device's units and must "
+                   "come before those with units of their own");
+  for (int u : units)
+    if (u > info.compute_unit_count)
+      return Usage("--units " + std::to_string(u) + ": device " + std::to_string(device) +
+                   " has 0 to " + std::to_string(info.compute_unit_count) + " compute units");
+  const long long mib = static_cast<long long>(info.global_mem_size >> 20);
+  for (int m : memory)
+    if (m > mib)
+      return Usage("--memory " + std::to_string(m) + ": device " + std::to_string(device) +
+                   " has 1 to " + std::to_string(mib) + " MiB");
+  return 0;
+}
+
+// Each id asked for must be configured (a file that the library cannot use counts: it may
+// still be destroyed or replaced).
+int CheckConfigured(const std::vector<int>& ids) {
+  std::vector<vdxtool::VdevView> vdevs;
+  std::vector<vdxtool::UnusableVdev> unusable;
+  const vdxStatus status = vdxtool::ListVdevs(&vdevs, &unusable);
+  if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+  for (int id : ids) {
+    const bool known =
+        std::any_of(vdevs.begin(), vdevs.end(), [id](const vdxtool::VdevView& v) { return v.id == id; }) ||
+        std::any_of(unusable.begin(), unusable.end(),
+                    [id](const vdxtool::UnusableVdev& u) { return u.id == id; });
+    if (!known) {
+      fprintf(stderr, "vdxctl: virtual device %d is not configured\n", id);
+      return LibraryExit(VDX_STATUS_VDEV_NOT_EXIST);
+    }
+  }
+  return 0;
+}
+
 // Start and stop go through vdxd: an instance lives as long as the process that started it,
 // and vdxctl ends at once.
 int AskService(const std::string& verb, const std::vector<int>& ids) {
@@ -206,7 +263,12 @@ int CdiGenerate(const std::string& output) {
 
 int main(int argc, char** argv) {
   CLI::App app{"vdxctl: virtual devices of compute accelerators (libzovdx)"};
-  app.require_subcommand(1);
+  // Ranges that need no look at the host; the host's own bounds are checked after parsing.
+  const CLI::Range kIdRange(0, 31);
+  const CLI::Range kDeviceRange(0, 7);
+  // At most one; none at all is told after parsing, so that an unknown word gets CLI11's own
+  // "not expected" message rather than "a subcommand is required".
+  app.require_subcommand(0, 1);
   app.fallthrough();
   std::string format_name = "table";
   app.add_option("--format", format_name, "Output of the queries: table, json or csv")
@@ -223,34 +285,44 @@ int main(int argc, char** argv) {
   auto* create = app.add_subcommand("create", "Create virtual devices on a device");
   int device = 0, count = 0;
   std::vector<int> units, memory;
-  create->add_option("device", device, "Physical device index")->required();
-  create->add_option("--count", count, "How many (1 to 4); without --units/--memory an even split");
-  create->add_option("--units", units, "Compute units of each, comma separated")->delimiter(',');
-  create->add_option("--memory", memory, "Memory of each in MiB, comma separated")->delimiter(',');
+  create->add_option("device", device, "Physical device index")->required()->check(kDeviceRange);
+  create->add_option("--count", count, "How many (1 to 4); without --units/--memory an even split")
+      ->check(CLI::Range(1, 4));
+  create->add_option("--units", units, "Compute units of each, comma separated")
+      ->delimiter(',')
+      ->check(CLI::Range(0, 128));
+  create->add_option("--memory", memory, "Memory of each in MiB, comma separated")
+      ->delimiter(',')
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
 
   auto* update = app.add_subcommand("update", "Change a virtual device's units or memory");
   int vdev = 0, new_units = -1, new_memory = -1;
-  update->add_option("vdev", vdev, "Virtual device id")->required();
-  update->add_option("--units", new_units, "New compute unit count (default: keep)");
-  update->add_option("--memory", new_memory, "New memory limit in MiB (default: keep)");
+  update->add_option("vdev", vdev, "Virtual device id")->required()->check(kIdRange);
+  update->add_option("--units", new_units, "New compute unit count (default: keep)")
+      ->check(CLI::Range(0, 128));
+  update->add_option("--memory", new_memory, "New memory limit in MiB (default: keep)")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
 
   auto* destroy = app.add_subcommand("destroy", "Destroy virtual devices");
   std::vector<int> destroy_ids;
   int destroy_device = -1;
-  destroy->add_option("vdevs", destroy_ids, "Virtual device ids");
-  destroy->add_option("--device", destroy_device, "All virtual devices of this physical device");
+  destroy->add_option("vdevs", destroy_ids, "Virtual device ids")->check(kIdRange);
+  destroy->add_option("--device", destroy_device, "All virtual devices of this physical device")
+      ->check(kDeviceRange);
 
   auto* start = app.add_subcommand("start", "Have vdxd start virtual devices");
   std::vector<int> start_ids;
-  start->add_option("vdevs", start_ids, "Virtual device ids")->required();
+  start->add_option("vdevs", start_ids, "Virtual device ids")->required()->check(kIdRange);
   auto* stop = app.add_subcommand("stop", "Have vdxd stop virtual devices");
   std::vector<int> stop_ids;
-  stop->add_option("vdevs", stop_ids, "Virtual device ids")->required();
+  stop->add_option("vdevs", stop_ids, "Virtual device ids")->required()->check(kIdRange);
 
   auto* busy = app.add_subcommand("busy", "Busy percentages of devices and started virtual devices");
   int watch = 0, rounds = 0;
-  busy->add_option("--watch", watch, "Repeat every SECONDS until interrupted");
-  busy->add_option("--rounds", rounds, "With --watch: stop after this many");
+  busy->add_option("--watch", watch, "Repeat every SECONDS until interrupted")
+      ->check(CLI::Range(1, 86400));
+  busy->add_option("--rounds", rounds, "With --watch: stop after this many")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
 
   auto* encryption = app.add_subcommand("encryption", "Show or set the encryption flag");
   std::string encryption_value = "show";
@@ -271,8 +343,24 @@ int main(int argc, char** argv) {
     app.exit(e);
     return kExitUsage;
   }
-  if (destroy->parsed() && destroy_ids.empty() == (destroy_device < 0)) {
+  if (app.get_subcommands().empty()) {
+    fprintf(stderr, "A subcommand is required\nRun with --help for more information.\n");
+    return kExitUsage;
+  }
+  if (destroy->parsed() && destroy_ids.empty() && destroy_device < 0) {
+    fprintf(stderr, "vdxctl: destroy needs virtual device ids or --device\n");
+    return kExitUsage;
+  }
+  if (destroy->parsed() && !destroy_ids.empty() && destroy_device >= 0) {
     fprintf(stderr, "vdxctl: destroy takes virtual device ids or --device, not both\n");
+    return kExitUsage;
+  }
+  if (update->parsed() && update->count("--units") + update->count("--memory") == 0) {
+    fprintf(stderr, "vdxctl: update needs --units, --memory or both\n");
+    return kExitUsage;
+  }
+  if (busy->parsed() && busy->count("--rounds") > 0 && busy->count("--watch") == 0) {
+    fprintf(stderr, "vdxctl: busy --rounds goes with --watch\n");
     return kExitUsage;
   }
 
@@ -290,6 +378,23 @@ int main(int argc, char** argv) {
   if (devices->parsed()) return Show(true, false, format);
   if (vdevs->parsed()) return Show(false, true, format);
   if (list->parsed()) return Show(true, true, format);
+  // What the host has: a value beyond it is a usage error, and nothing is asked of the library.
+  if (create->parsed() || (destroy->parsed() && destroy_device >= 0)) {
+    const int checked = CheckDevice(create->parsed() ? device : destroy_device,
+                                    create->parsed() ? units : std::vector<int>(),
+                                    create->parsed() ? memory : std::vector<int>());
+    if (checked != 0) return checked;
+  }
+  std::vector<int> asked;
+  if (update->parsed()) asked = {vdev};
+  if (destroy->parsed()) asked = destroy_ids;
+  if (start->parsed()) asked = start_ids;
+  if (stop->parsed()) asked = stop_ids;
+  if (!asked.empty()) {
+    const int checked = CheckConfigured(asked);
+    if (checked != 0) return checked;
+  }
+
   if (create->parsed()) return Create(device, count, units, memory);
   if (update->parsed()) {
     const vdxStatus status = vdxUpdateSingleVDevice(vdev, new_units, new_memory);
@@ -299,6 +404,15 @@ int main(int argc, char** argv) {
   }
   if (destroy->parsed()) {
     if (destroy_device >= 0) {
+      std::vector<vdxtool::VdevView> vdevs;
+      const vdxStatus listed = ListUsableVdevs(&vdevs);
+      if (listed != VDX_STATUS_SUCCESS) return Fail("virtual devices", listed);
+      if (std::none_of(vdevs.begin(), vdevs.end(),
+                       [&](const vdxtool::VdevView& v) { return v.device == destroy_device; })) {
+        std::fprintf(vdxctl::Out(), "nothing to destroy: device %d has no virtual devices\n",
+                     destroy_device);
+        return 0;
+      }
       const vdxStatus status = vdxDestroyVDevices(destroy_device);
       if (status != VDX_STATUS_SUCCESS) return Fail("destroy", status);
       std::fprintf(vdxctl::Out(), "destroyed the virtual devices of device %d\n", destroy_device);
