@@ -502,13 +502,35 @@ TEST(Vdxd, StartedBeforeTheServiceExitsAndLaterWorks) {
   EXPECT_TRUE(Within([] { return Instances().size() == 1; }));
 }
 
+// "all" only over virtual devices that a container can be given together; none at all
+// without virtual devices.
+TEST(Cdi, AllNamesWhatAContainerCanBindTogether) {
+  Result r = Vdxctl("cdi generate");
+  EXPECT_EQ(r.exit, 1);
+  EXPECT_TRUE(Has(r.err, "no virtual devices")) << r.err;
+  ASSERT_EQ(Vdxctl("create 0 --units 0,0 --memory 1024,1024").exit, 0);
+  json cdi = json::parse(Vdxctl("cdi generate").out);
+  EXPECT_EQ(cdi["devices"].back()["name"], "all");
+  ASSERT_EQ(Vdxctl("create 1 --units 8 --memory 1024").exit, 0);
+  r = Vdxctl("cdi generate --output /tmp/vdev.json");
+  EXPECT_EQ(r.exit, 0);
+  EXPECT_TRUE(Has(r.out, "3 virtual devices and \"all-units\" and \"all-shared\"")) << r.out;
+  cdi = json::parse(Slurp("/tmp/vdev.json"));
+  std::map<std::string, size_t> mounts;
+  for (const json& d : cdi["devices"]) mounts[d["name"]] = d["containerEdits"]["mounts"].size();
+  EXPECT_EQ(mounts, (std::map<std::string, size_t>{
+                        {"0", 1}, {"1", 1}, {"2", 1}, {"all-units", 1}, {"all-shared", 2}}));
+}
+
 // The CDI edits, applied as a runtime would (bind mounts in a mount namespace of its own),
 // give the process there exactly the chosen virtual device.
 TEST(Cdi, TheEditsBindAProcessToItsVirtualDevices) {
   ASSERT_EQ(Vdxctl("create 0 --units 8,4 --memory 1024,2048").exit, 0);
-  ASSERT_EQ(Vdxctl("cdi generate --output /tmp/vdev.json").exit, 0);
-  const json cdi = json::parse(Slurp("/tmp/vdev.json"));
-  EXPECT_EQ(cdi["cdiVersion"], "0.6.0");
+  // Parents that do not exist yet are made.
+  ASSERT_EQ(Vdxctl("cdi generate --output /tmp/cdi/spec/vdev.json").exit, 0);
+  const json cdi = json::parse(Slurp("/tmp/cdi/spec/vdev.json"));
+  // Device nodes by path and bind mounts without a type: the first tagged version has them.
+  EXPECT_EQ(cdi["cdiVersion"], "0.3.0");
   EXPECT_EQ(cdi["kind"], "zovdx.dev/vdev");
   ASSERT_EQ(cdi["devices"].size(), 3u);
   EXPECT_EQ(cdi["devices"][2]["name"], "all");

@@ -1,5 +1,7 @@
 #include "tools/vdxctl/cdi.h"
 
+#include <algorithm>
+
 namespace vdxctl {
 namespace {
 
@@ -16,14 +18,61 @@ nlohmann::json Edits(const std::vector<int>& ids) {
   return {{"deviceNodes", {{{"path", "/dev/mkfd"}}}}, {"mounts", mounts}};
 }
 
+// Whether any of the container edits (of the spec or of a device) holds key, in an entry
+// of list when list is given.
+bool EditsUse(const nlohmann::json& spec, const char* list, const char* key) {
+  std::vector<const nlohmann::json*> edits;
+  if (spec.contains("containerEdits")) edits.push_back(&spec["containerEdits"]);
+  if (spec.contains("devices"))
+    for (const nlohmann::json& device : spec["devices"])
+      if (device.contains("containerEdits")) edits.push_back(&device["containerEdits"]);
+  for (const nlohmann::json* e : edits) {
+    if (!e->is_object()) continue;
+    if (list == nullptr) {
+      if (e->contains(key)) return true;
+      continue;
+    }
+    if (!e->contains(list) || !(*e)[list].is_array()) continue;
+    for (const nlohmann::json& entry : (*e)[list])
+      if (entry.is_object() && entry.contains(key)) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
-nlohmann::json CdiSpec(const std::vector<int>& vdev_ids) {
+std::string MinimumCdiVersion(const nlohmann::json& spec) {
+  if (EditsUse(spec, nullptr, "intelRdt") || EditsUse(spec, nullptr, "additionalGids"))
+    return "0.7.0";
+  bool annotations = spec.contains("annotations");
+  if (spec.contains("devices"))
+    for (const nlohmann::json& device : spec["devices"])
+      annotations = annotations || device.contains("annotations");
+  const std::string kind = spec.value("kind", "");
+  const std::string name = kind.substr(kind.find('/') + 1);
+  if (annotations || name.find('.') != std::string::npos) return "0.6.0";
+  if (EditsUse(spec, "deviceNodes", "hostPath")) return "0.5.0";
+  if (EditsUse(spec, "mounts", "type")) return "0.4.0";
+  return "0.3.0";
+}
+
+nlohmann::json CdiSpec(const std::vector<CdiVdev>& vdevs) {
   nlohmann::json devices = nlohmann::json::array();
-  for (int id : vdev_ids)
-    devices.push_back({{"name", std::to_string(id)}, {"containerEdits", Edits({id})}});
-  devices.push_back({{"name", "all"}, {"containerEdits", Edits(vdev_ids)}});
-  return {{"cdiVersion", "0.6.0"}, {"kind", kCdiKind}, {"devices", devices}};
+  std::vector<int> all, units, shared;
+  for (const CdiVdev& v : vdevs) {
+    devices.push_back({{"name", std::to_string(v.id)}, {"containerEdits", Edits({v.id})}});
+    all.push_back(v.id);
+    (v.shares_units ? shared : units).push_back(v.id);
+  }
+  if (units.empty() || shared.empty()) {
+    devices.push_back({{"name", "all"}, {"containerEdits", Edits(all)}});
+  } else {
+    devices.push_back({{"name", "all-units"}, {"containerEdits", Edits(units)}});
+    devices.push_back({{"name", "all-shared"}, {"containerEdits", Edits(shared)}});
+  }
+  nlohmann::json spec = {{"kind", kCdiKind}, {"devices", devices}};
+  spec["cdiVersion"] = MinimumCdiVersion(spec);
+  return spec;
 }
 
 }  // namespace vdxctl

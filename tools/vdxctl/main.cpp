@@ -6,11 +6,14 @@
 // Exit codes: 0 done; 1 a failure outside the library (a file that cannot be written); 2 a
 // usage error; 3 start or stop without a running vdxd; 100 + N the library's status N (N from
 // 1 to 35); 199 a status the library does not list.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 #include <fstream>
 #include <string>
@@ -236,26 +239,49 @@ int Encryption(Format format, const std::string& value) {
   return 0;
 }
 
+// Makes the missing parents of path (0755), as an engine's CDI directory may not exist yet.
+bool MakeParents(const std::string& path) {
+  for (size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string dir = path.substr(0, slash);
+    if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+
 int CdiGenerate(const std::string& output) {
   std::vector<vdxtool::VdevView> vdevs;
   const vdxStatus status = ListUsableVdevs(&vdevs);
   if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
-  std::vector<int> ids;
-  for (const auto& v : vdevs) ids.push_back(v.id);
-  const std::string text = vdxctl::CdiSpec(ids).dump(2) + "\n";
+  if (vdevs.empty()) {
+    // A CDI file must name at least one device: an engine would refuse an empty one.
+    fprintf(stderr, "vdxctl: cdi generate: there are no virtual devices to describe; nothing "
+                    "written\n");
+    return kExitFailure;
+  }
+  std::vector<vdxctl::CdiVdev> described;
+  for (const auto& v : vdevs) described.push_back({v.id, v.units == 0});
+  const nlohmann::json spec = vdxctl::CdiSpec(described);
+  const std::string text = spec.dump(2) + "\n";
   if (output.empty() || output == "-") {
     std::fprintf(vdxctl::Out(), "%s", text.c_str());
     return 0;
   }
-  std::ofstream file(output, std::ios::trunc);
+  std::ofstream file;
+  if (MakeParents(output)) file.open(output, std::ios::trunc);
   file << text;
   file.close();
   if (!file) {
-    fprintf(stderr, "vdxctl: cannot write %s\n", output.c_str());
+    fprintf(stderr, "vdxctl: cannot write %s: %s\n", output.c_str(), strerror(errno));
     return kExitFailure;
   }
-  std::fprintf(vdxctl::Out(), "wrote %s: %zu virtual device%s and \"all\" (kind %s)\n", output.c_str(), ids.size(),
-         ids.size() == 1 ? "" : "s", vdxctl::kCdiKind);
+  std::string names;
+  for (size_t i = described.size(); i < spec["devices"].size(); ++i)
+    names += std::string(names.empty() ? "" : " and ") + "\"" +
+             spec["devices"][i]["name"].get<std::string>() + "\"";
+  std::fprintf(vdxctl::Out(), "wrote %s: %zu virtual device%s and %s (kind %s, CDI %s)\n",
+               output.c_str(), described.size(), described.size() == 1 ? "" : "s",
+               names.c_str(), vdxctl::kCdiKind, spec["cdiVersion"].get<std::string>().c_str());
   return 0;
 }
 
