@@ -100,11 +100,20 @@ TEST(Vdxctl, DevicesInEveryFormat) {
             "device  name           units  memory_mib  used_mib  free_units  free_mib  "
             "busy_percent");
   EXPECT_TRUE(Has(table.out, "1       ZO XC-200      64     16384"));
+  // CSV has the JSON's field names.
   const Result csv = Vdxctl("--format csv devices");
   EXPECT_EQ(csv.out,
-            "device,name,units,memory_bytes,used_bytes,free_units,free_bytes,busy_percent\n"
+            "index,name,compute_units,memory_bytes,memory_used_bytes,remaining_compute_units,"
+            "remaining_memory_bytes,busy_percent\n"
             "0,ZO XC-100 32G,60,34359738368,0,60,34359738368,0\n"
             "1,ZO XC-200,64,17179869184,0,64,17179869184,0\n");
+  // One device asked for; one that does not exist is a usage error.
+  EXPECT_EQ(Vdxctl("--format csv devices 1").out,
+            "index,name,compute_units,memory_bytes,memory_used_bytes,remaining_compute_units,"
+            "remaining_memory_bytes,busy_percent\n"
+            "1,ZO XC-200,64,17179869184,0,64,17179869184,0\n");
+  EXPECT_EQ(Vdxctl("devices 2").exit, 2);
+  EXPECT_TRUE(Has(Vdxctl("--version").out, "vdxctl 1.0.0")) << Vdxctl("--version").out;
 }
 
 TEST(Vdxctl, CreateUpdateDestroy) {
@@ -128,10 +137,13 @@ TEST(Vdxctl, CreateUpdateDestroy) {
   EXPECT_EQ(j["virtual_devices"][1]["memory_limit_bytes"], 4096ull << 20);
   EXPECT_EQ(j["virtual_devices"][1]["compute_units"], 4) << "units kept";
 
+  // One CSV for both kinds: a "kind" column, then the JSON field names of each.
   r = Vdxctl("--format csv list");
-  EXPECT_TRUE(Has(r.out, "\n\nvdev,device,units,limit_bytes,used_bytes,pipe,container,started,"
-                         "busy_percent\n0,0,8,1073741824,0,0,0x0,no,\n"))
-      << r.out;
+  EXPECT_EQ(r.out.substr(0, r.out.find('\n')),
+            "kind,index,name,compute_units,memory_bytes,memory_used_bytes,"
+            "remaining_compute_units,remaining_memory_bytes,busy_percent,id,device,device_name,"
+            "memory_limit_bytes,pipe,container_id,started");
+  EXPECT_TRUE(Has(r.out, "\nvdev,,,8,,0,,,,0,0,ZO XC-100 32G,1073741824,0,0,false\n")) << r.out;
 
   ASSERT_EQ(Vdxctl("destroy 0").exit, 0);
   EXPECT_EQ(JsonOf("vdevs")["virtual_devices"].size(), 1u);
@@ -240,7 +252,7 @@ TEST(Vdxctl, BusyEncryptionAndLogLevel) {
 TEST(Vdxctl, EveryQueryInEveryFormat) {
   ASSERT_EQ(Vdxctl("create 1 --count 2").exit, 0);
   const std::map<std::string, std::string> first_column = {
-      {"devices", "device"}, {"vdevs", "vdev"}, {"list", "device"}, {"busy", "kind"},
+      {"devices", "index"}, {"vdevs", "id"}, {"list", "kind"}, {"busy", "kind"},
       {"encryption", "encrypted"}};
   for (const auto& [command, column] : first_column) {
     const Result json_out = Vdxctl("--format json " + command);
@@ -250,10 +262,34 @@ TEST(Vdxctl, EveryQueryInEveryFormat) {
     ASSERT_EQ(csv.exit, 0) << command;
     EXPECT_EQ(csv.out.substr(0, csv.out.find(',')).substr(0, csv.out.find('\n')), column)
         << command << ": " << csv.out;
+    // One header per output: a line of CSV has as many fields as the header.
+    std::istringstream lines(csv.out);
+    std::string line;
+    std::getline(lines, line);
+    const auto fields = std::count(line.begin(), line.end(), ',');
+    while (std::getline(lines, line))
+      EXPECT_EQ(std::count(line.begin(), line.end(), ','), fields) << command << ": " << line;
     const Result table = Vdxctl(command);
     ASSERT_EQ(table.exit, 0) << command;
     EXPECT_FALSE(table.out.empty()) << command;
   }
+  // A virtual device asked for by id; one that is not configured is named.
+  const json one = json::parse(Vdxctl("--format json vdevs 1").out);
+  ASSERT_EQ(one["virtual_devices"].size(), 1u);
+  EXPECT_EQ(one["virtual_devices"][0]["id"], 1);
+  const Result missing = Vdxctl("vdevs 5");
+  EXPECT_EQ(missing.exit, 115);
+  EXPECT_EQ(missing.err, "vdxctl: virtual device 5 is not configured\n");
+  // Watching: a time column, and one CSV header for all the rounds.
+  const Result watch = Vdxctl("--format csv busy --watch 1 --rounds 2");
+  ASSERT_EQ(watch.exit, 0);
+  EXPECT_EQ(watch.out.substr(0, watch.out.find('\n')), "time,kind,id,busy_percent");
+  size_t headers = 0;
+  for (size_t at = watch.out.find("time,"); at != std::string::npos;
+       at = watch.out.find("time,", at + 1))
+    ++headers;
+  EXPECT_EQ(headers, 1u) << watch.out;
+  EXPECT_TRUE(Has(watch.out, "Z,device,0,")) << watch.out;
 }
 
 // vdxd, started in the background, and stopped with SIGTERM by the test.
@@ -389,6 +425,41 @@ TEST(Vdxd, MetricsPage) {
                            "container=\"0x0\"}"],
                    0.25)
       << "2 busy of its 8 units";
+  // The shortest text that reads back as the same number.
+  EXPECT_TRUE(Has(page.out, "vdx_device_busy_ratio" + device0 + " 0.03\n")) << page.out;
+  EXPECT_EQ(samples["vdx_build_info{version=\"1.0.0\",library=\"libzovdx.so.1\"}"], 1);
+
+  // A landing page, and nothing but reading.
+  EXPECT_TRUE(Has(Shell("curl -sf http://127.0.0.1:9464/").out, "href=\"/metrics\""));
+  EXPECT_EQ(Shell("curl -s -o /dev/null -w '%{http_code}' -X POST -d x "
+                  "http://127.0.0.1:9464/metrics").out,
+            "405");
+}
+
+// --listen takes HOST:PORT, [IPV6]:PORT and :PORT; a bare IPv6 address is refused.
+TEST(Vdxd, ListenAddresses) {
+  Result r = Shell(std::string(VDXD_BIN) + " --listen ::1:9472");
+  EXPECT_EQ(r.exit, 2);
+  EXPECT_TRUE(Has(r.err, "[IPV6]:PORT")) << r.err;
+  EXPECT_EQ(Shell(std::string(VDXD_BIN) + " --listen 127.0.0.1:70000").exit, 2);
+  EXPECT_TRUE(Has(Shell(std::string(VDXD_BIN) + " --version").out, "vdxd 1.0.0"));
+  for (const auto& [listen, url] : std::vector<std::pair<std::string, std::string>>{
+           {"[::1]:9472", "http://[::1]:9472/metrics"}, {":9473", "http://127.0.0.1:9473/metrics"}}) {
+    fflush(stdout);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const int log = open("/tmp/vdxd.log", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      dup2(log, 1);
+      execl(VDXD_BIN, "vdxd", "--listen", listen.c_str(), nullptr);
+      _exit(127);
+    }
+    EXPECT_TRUE(Within([&url] { return Shell("curl -sf -g '" + url + "'").exit == 0; })) << listen;
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    EXPECT_TRUE(Has(Slurp("/tmp/vdxd.log"), "metrics on " +
+                    (listen[0] == ':' ? std::string("http://0.0.0.0:9473/metrics") : url)))
+        << Slurp("/tmp/vdxd.log");
+  }
 }
 
 bool DropTo(uid_t uid) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -59,21 +60,48 @@ vdxStatus ListUsableVdevs(std::vector<vdxtool::VdevView>* vdevs) {
   return status;
 }
 
+// A usage error that names the value and what the host allows.
+int Usage(const std::string& text) {
+  fprintf(stderr, "vdxctl: %s\n", text.c_str());
+  return kExitUsage;
+}
+
 void PrintJson(const nlohmann::json& j) { std::fprintf(vdxctl::Out(), "%s\n", j.dump(2).c_str()); }
 
-// devices, vdevs and list: the physical devices, the virtual devices, or both. In JSON both
-// arrays sit in one document; as tables (or CSV blocks) the devices come first, then an empty
-// line, then the virtual devices.
-int Show(bool with_devices, bool with_vdevs, Format format) {
+// devices, vdevs and list: the physical devices, the virtual devices, or both; only the
+// selected ones when indexes or ids are given. In JSON both arrays sit in one document; in CSV
+// one header covers both (a "kind" column tells them apart); as tables the devices come
+// first, then an empty line, then the virtual devices.
+int Show(bool with_devices, bool with_vdevs, Format format, const std::vector<int>& selected) {
   std::vector<vdxtool::DeviceView> devices;
   std::vector<vdxtool::VdevView> vdevs;
+  const auto chosen = [&selected](int key) {
+    return selected.empty() || std::find(selected.begin(), selected.end(), key) != selected.end();
+  };
   if (with_devices) {
     const vdxStatus status = vdxtool::ListDevices(&devices);
     if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
+    for (int index : selected)
+      if (index >= static_cast<int>(devices.size()))
+        return Usage("device " + std::to_string(index) + " does not exist: this host has devices 0 to " +
+                     std::to_string(static_cast<int>(devices.size()) - 1));
+    devices.erase(std::remove_if(devices.begin(), devices.end(),
+                                 [&](const vdxtool::DeviceView& d) { return !chosen(d.index); }),
+                  devices.end());
   }
   if (with_vdevs) {
     const vdxStatus status = ListUsableVdevs(&vdevs);
     if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+    for (int id : selected) {
+      if (std::none_of(vdevs.begin(), vdevs.end(),
+                       [id](const vdxtool::VdevView& v) { return v.id == id; })) {
+        fprintf(stderr, "vdxctl: virtual device %d is not configured\n", id);
+        return LibraryExit(VDX_STATUS_VDEV_NOT_EXIST);
+      }
+    }
+    vdevs.erase(std::remove_if(vdevs.begin(), vdevs.end(),
+                               [&](const vdxtool::VdevView& v) { return !chosen(v.id); }),
+                vdevs.end());
   }
   if (format == Format::kJson) {
     nlohmann::json j = {{"schema", vdxctl::kJsonSchema}};
@@ -88,13 +116,43 @@ int Show(bool with_devices, bool with_vdevs, Format format) {
     PrintJson(j);
     return 0;
   }
+  if (format == Format::kCsv) {
+    std::vector<std::string> fields;
+    std::vector<nlohmann::json> objects;
+    if (with_devices && with_vdevs) fields.push_back("kind");
+    if (with_devices) fields.insert(fields.end(), vdxctl::kDeviceFields.begin(), vdxctl::kDeviceFields.end());
+    if (with_vdevs)
+      for (const std::string& f : vdxctl::kVdevFields)
+        if (std::find(fields.begin(), fields.end(), f) == fields.end()) fields.push_back(f);
+    for (const auto& d : devices) {
+      objects.push_back(vdxctl::ToJson(d));
+      objects.back()["kind"] = "device";
+    }
+    for (const auto& v : vdevs) {
+      objects.push_back(vdxctl::ToJson(v));
+      objects.back()["kind"] = "vdev";
+    }
+    vdxctl::PrintCsv(fields, objects);
+    return 0;
+  }
   if (with_devices) vdxctl::PrintRows(vdxctl::DeviceRows(devices, format), format);
   if (with_devices && with_vdevs) std::fprintf(vdxctl::Out(), "\n");
   if (with_vdevs) vdxctl::PrintRows(vdxctl::VdevRows(vdevs, format), format);
   return 0;
 }
 
+// The wall-clock time of a watched round, in UTC to the second (ISO 8601).
+std::string Now() {
+  const time_t now = time(nullptr);
+  struct tm utc;
+  gmtime_r(&now, &utc);
+  char text[32];
+  strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
 int Busy(Format format, int watch_seconds, int rounds) {
+  const bool watching = watch_seconds > 0;
   for (int round = 0; rounds <= 0 || round < rounds; ++round) {
     if (round > 0) std::this_thread::sleep_for(std::chrono::seconds(watch_seconds));
     std::vector<vdxtool::DeviceView> devices;
@@ -103,30 +161,39 @@ int Busy(Format format, int watch_seconds, int rounds) {
     if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
     status = ListUsableVdevs(&vdevs);
     if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+    const std::string time = Now();
     if (format == Format::kJson) {
       // One object per line when watching, so that each can be read as it comes.
       nlohmann::json j = {{"schema", vdxctl::kJsonSchema},
                           {"devices", nlohmann::json::array()},
                           {"virtual_devices", nlohmann::json::array()}};
+      if (watching) j["time"] = time;
       for (const auto& d : devices)
         j["devices"].push_back({{"index", d.index},
                                 {"busy_percent", d.has_busy ? nlohmann::json(d.busy_percent)
                                                             : nlohmann::json(nullptr)}});
       for (const auto& v : vdevs)
         if (v.has_busy) j["virtual_devices"].push_back({{"id", v.id}, {"busy_percent", v.busy_percent}});
-      std::fprintf(vdxctl::Out(), "%s\n", watch_seconds > 0 ? j.dump().c_str() : j.dump(2).c_str());
+      std::fprintf(vdxctl::Out(), "%s\n", watching ? j.dump().c_str() : j.dump(2).c_str());
     } else {
+      const std::string unknown = format == Format::kCsv ? "" : "-";
       vdxctl::Rows rows;
       rows.header = {"kind", "id", "busy_percent"};
+      if (watching) rows.header.insert(rows.header.begin(), "time");
+      auto add = [&](std::vector<std::string> row) {
+        if (watching) row.insert(row.begin(), time);
+        rows.rows.push_back(row);
+      };
       for (const auto& d : devices)
-        rows.rows.push_back({"device", std::to_string(d.index),
-                             d.has_busy ? std::to_string(d.busy_percent) : "-"});
+        add({"device", std::to_string(d.index), d.has_busy ? std::to_string(d.busy_percent) : unknown});
       for (const auto& v : vdevs)
-        if (v.has_busy) rows.rows.push_back({"vdev", std::to_string(v.id), std::to_string(v.busy_percent)});
+        if (v.has_busy) add({"vdev", std::to_string(v.id), std::to_string(v.busy_percent)});
+      // One header per output: a CSV stream of rounds is one table.
+      if (format == Format::kCsv && round > 0) rows.header.clear();
       vdxctl::PrintRows(rows, format);
     }
     fflush(vdxctl::Out());
-    if (watch_seconds <= 0) break;
+    if (!watching) break;
   }
   return 0;
 }
@@ -145,12 +212,6 @@ int Create(int device, int count, const std::vector<int>& units, const std::vect
   if (status != VDX_STATUS_SUCCESS) return Fail("create", status);
   std::fprintf(vdxctl::Out(), "created %d virtual device%s on device %d\n", count, count == 1 ? "" : "s", device);
   return 0;
-}
-
-// A usage error that names the value and what the host allows.
-int Usage(const std::string& text) {
-  fprintf(stderr, "vdxctl: %s\n", text.c_str());
-  return kExitUsage;
 }
 
 // The device index and, for a creation, each unit count and memory size against the device.
@@ -304,8 +365,13 @@ int main(int argc, char** argv) {
                  "The library's log level for this run: none, warning, info or debug")
       ->check(CLI::IsMember({"none", "warning", "info", "debug"}));
 
+  app.set_version_flag("--version", std::string("vdxctl ") + ZOVDX_VERSION + " (libzovdx.so.1)");
   auto* devices = app.add_subcommand("devices", "List the physical devices");
+  std::vector<int> device_selection;
+  devices->add_option("index", device_selection, "Only these devices")->check(kDeviceRange);
   auto* vdevs = app.add_subcommand("vdevs", "List the virtual devices");
+  std::vector<int> vdev_selection;
+  vdevs->add_option("id", vdev_selection, "Only these virtual devices")->check(kIdRange);
   auto* list = app.add_subcommand("list", "List the physical and the virtual devices");
 
   auto* create = app.add_subcommand("create", "Create virtual devices on a device");
@@ -401,9 +467,9 @@ int main(int argc, char** argv) {
     if (status != VDX_STATUS_SUCCESS) return Fail("log level", status);
   }
 
-  if (devices->parsed()) return Show(true, false, format);
-  if (vdevs->parsed()) return Show(false, true, format);
-  if (list->parsed()) return Show(true, true, format);
+  if (devices->parsed()) return Show(true, false, format, device_selection);
+  if (vdevs->parsed()) return Show(false, true, format, vdev_selection);
+  if (list->parsed()) return Show(true, true, format, {});
   // What the host has: a value beyond it is a usage error, and nothing is asked of the library.
   if (create->parsed() || (destroy->parsed() && destroy_device >= 0)) {
     const int checked = CheckDevice(create->parsed() ? device : destroy_device,

@@ -125,6 +125,29 @@ Rows VdevRows(const std::vector<vdxtool::VdevView>& vdevs, Format format) {
   return rows;
 }
 
+const std::vector<std::string> kDeviceFields = {
+    "index", "name", "compute_units", "memory_bytes", "memory_used_bytes",
+    "remaining_compute_units", "remaining_memory_bytes", "busy_percent"};
+const std::vector<std::string> kVdevFields = {
+    "id", "device", "device_name", "compute_units", "memory_limit_bytes", "memory_used_bytes",
+    "pipe", "container_id", "started", "busy_percent"};
+
+void PrintCsv(const std::vector<std::string>& fields, const std::vector<nlohmann::json>& objects) {
+  Rows rows;
+  rows.header = fields;
+  for (const nlohmann::json& object : objects) {
+    std::vector<std::string> row;
+    for (const std::string& name : fields) {
+      const nlohmann::json value = object.contains(name) ? object[name] : nlohmann::json();
+      row.push_back(value.is_null()     ? ""
+                    : value.is_string() ? value.get<std::string>()
+                                        : value.dump());
+    }
+    rows.rows.push_back(row);
+  }
+  PrintRows(rows, Format::kCsv);
+}
+
 void PrintRows(const Rows& rows, Format format) {
   if (format == Format::kCsv) {
     auto line = [](const std::vector<std::string>& fields) {
@@ -132,7 +155,7 @@ void PrintRows(const Rows& rows, Format format) {
       for (size_t i = 0; i < fields.size(); ++i) text += (i ? "," : "") + CsvField(fields[i]);
       std::fprintf(Out(), "%s\n", text.c_str());
     };
-    line(rows.header);
+    if (!rows.header.empty()) line(rows.header);
     for (const auto& row : rows.rows) line(row);
     return;
   }

@@ -37,6 +37,14 @@ Rows DeviceRows(const std::vector<vdxtool::DeviceView>& devices, Format format);
 Rows VdevRows(const std::vector<vdxtool::VdevView>& vdevs, Format format);
 void PrintRows(const Rows& rows, Format format);
 
+// The JSON fields of a device and of a virtual device, in the order CSV shows them.
+extern const std::vector<std::string> kDeviceFields;
+extern const std::vector<std::string> kVdevFields;
+
+// CSV of JSON objects under one header of the given field names (null or a missing field as
+// an empty field, booleans as true and false).
+void PrintCsv(const std::vector<std::string>& fields, const std::vector<nlohmann::json>& objects);
+
 }  // namespace vdxctl
 
 #endif  // ZOVDX_TOOLS_VDXCTL_OUTPUT_H_

@@ -105,7 +105,7 @@ class Service {
     if (status == VDX_STATUS_SUCCESS) status = vdxtool::ListVdevs(&vdevs, &unusable);
     std::lock_guard<std::mutex> lock(page_lock_);
     page_ok_ = status == VDX_STATUS_SUCCESS;
-    page_ = page_ok_ ? vdxd::RenderMetrics(devices, vdevs, unusable.size())
+    page_ = page_ok_ ? vdxd::RenderMetrics(devices, vdevs, unusable.size(), ZOVDX_VERSION)
                      : vdxtool::StatusText(status) + "\n";
   }
   // The page and whether it holds metrics (else the reason there are none).
@@ -225,12 +225,35 @@ bool DrainEvents(int inotify) {
   return alive;
 }
 
+// HOST:PORT, [IPV6]:PORT, or :PORT (every IPv4 interface). A port is 1 to 65535.
 bool SplitAddress(const std::string& listen, std::string* host, int* port) {
-  const size_t colon = listen.rfind(':');
-  if (colon == std::string::npos) return false;
-  *host = listen.substr(0, colon);
-  *port = atoi(listen.substr(colon + 1).c_str());
-  return !host->empty() && *port > 0 && *port < 65536;
+  std::string port_text;
+  if (!listen.empty() && listen[0] == '[') {
+    const size_t close = listen.find(']');
+    if (close == std::string::npos || close + 1 >= listen.size() || listen[close + 1] != ':')
+      return false;
+    *host = listen.substr(1, close - 1);
+    port_text = listen.substr(close + 2);
+    if (host->empty()) return false;
+  } else {
+    const size_t colon = listen.rfind(':');
+    if (colon == std::string::npos) return false;
+    *host = listen.substr(0, colon);
+    if (host->find(':') != std::string::npos) return false;  // IPv6 wants its brackets
+    if (host->empty()) *host = "0.0.0.0";
+    port_text = listen.substr(colon + 1);
+  }
+  if (port_text.empty() || port_text.size() > 5 ||
+      port_text.find_first_not_of("0123456789") != std::string::npos)
+    return false;
+  *port = atoi(port_text.c_str());
+  return *port > 0 && *port < 65536;
+}
+
+// The page's address as a URL: an IPv6 host in brackets.
+std::string Url(const std::string& host, int port, const char* path) {
+  const std::string shown = host.find(':') != std::string::npos ? "[" + host + "]" : host;
+  return "http://" + shown + ":" + std::to_string(port) + path;
 }
 
 }  // namespace
@@ -239,14 +262,17 @@ int main(int argc, char** argv) {
   CLI::App app{"vdxd: keeps the configured virtual devices started and serves their metrics"};
   std::string listen = "127.0.0.1:9464";
   int interval = 5;
-  app.add_option("--listen", listen, "Metrics address, HOST:PORT (default 127.0.0.1:9464)");
+  app.add_option("--listen", listen,
+                 "Metrics address: HOST:PORT, [IPV6]:PORT or :PORT (default 127.0.0.1:9464)");
+  app.set_version_flag("--version", std::string("vdxd ") + ZOVDX_VERSION + " (libzovdx.so.1)");
   app.add_option("--interval", interval, "Seconds between re-checks of the configuration")
       ->check(CLI::Range(1, 3600));
   CLI11_PARSE(app, argc, argv);
   std::string host;
   int port = 0;
   if (!SplitAddress(listen, &host, &port)) {
-    fprintf(stderr, "vdxd: --listen wants HOST:PORT, not %s\n", listen.c_str());
+    fprintf(stderr, "vdxd: --listen wants HOST:PORT, [IPV6]:PORT or :PORT, not %s\n",
+            listen.c_str());
     return 2;
   }
   if (geteuid() != 0) {
@@ -311,6 +337,26 @@ int main(int argc, char** argv) {
     }
     response.set_content(page, "text/plain; version=0.0.4");
   });
+  server.Get("/", [host, port](const httplib::Request&, httplib::Response& response) {
+    const std::string metrics = Url(host, port, "/metrics");
+    response.set_content("<html><head><title>vdxd</title></head><body><h1>vdxd</h1>"
+                         "<p>Virtual devices of this node: <a href=\"/metrics\">" + metrics +
+                         "</a></p></body></html>\n",
+                         "text/html; charset=utf-8");
+  });
+  // Nothing here takes a request body or changes anything.
+  const auto refuse = [](const httplib::Request&, httplib::Response& response) {
+    response.status = 405;
+    response.set_header("Allow", "GET, HEAD");
+    response.set_content("method not allowed\n", "text/plain");
+  };
+  for (const char* path : {"/", "/metrics"}) {
+    server.Post(path, refuse);
+    server.Put(path, refuse);
+    server.Delete(path, refuse);
+    server.Patch(path, refuse);
+    server.Options(path, refuse);
+  }
   if (!server.bind_to_port(host.c_str(), port)) {
     fprintf(stderr, "vdxd: cannot serve metrics on %s\n", listen.c_str());
     return 1;
@@ -319,7 +365,7 @@ int main(int argc, char** argv) {
 
   service.Sync();
   service.RefreshMetrics();
-  Say("running: metrics on http://%s/metrics, re-check every %d s", listen.c_str(), interval);
+  Say("running: metrics on %s, re-check every %d s", Url(host, port, "/metrics").c_str(), interval);
   auto next_check = std::chrono::steady_clock::now() + std::chrono::seconds(interval);
   for (;;) {
     std::vector<pollfd> fds = {{signal_fd, POLLIN, 0}, {inotify, POLLIN, 0}};

@@ -1,5 +1,6 @@
 #include "tools/vdxd/metrics.h"
 
+#include <charconv>
 #include <cstdio>
 #include <functional>
 
@@ -19,10 +20,11 @@ std::string Escape(const std::string& value) {
   return out;
 }
 
+// The shortest text that reads back as the same double (0.03, not 0.029999999999999999).
 std::string Number(double value) {
   char text[64];
-  snprintf(text, sizeof(text), "%.17g", value);
-  return text;
+  const std::to_chars_result result = std::to_chars(text, text + sizeof(text), value);
+  return std::string(text, result.ptr);
 }
 
 std::string DeviceLabels(const vdxtool::DeviceView& d) {
@@ -52,7 +54,8 @@ void Family(std::string* out, const char* name, const char* help, const std::vec
 }  // namespace
 
 std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
-                          const std::vector<vdxtool::VdevView>& vdevs, size_t unusable) {
+                          const std::vector<vdxtool::VdevView>& vdevs, size_t unusable,
+                          const std::string& build_version) {
   using D = vdxtool::DeviceView;
   using V = vdxtool::VdevView;
   std::string out;
@@ -101,6 +104,9 @@ std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
          "(damaged, disabled, or naming no device here); the others are not concerned.\n";
   out += "# TYPE vdx_vdev_unusable_files gauge\n";
   out += "vdx_vdev_unusable_files " + std::to_string(unusable) + "\n";
+  out += "# HELP vdx_build_info The versions of vdxd and of the library it runs; always 1.\n";
+  out += "# TYPE vdx_build_info gauge\n";
+  out += "vdx_build_info{version=\"" + Escape(build_version) + "\",library=\"libzovdx.so.1\"} 1\n";
   return out;
 }
 

@@ -10,9 +10,11 @@
 
 namespace vdxd {
 
-// unusable: how many configured virtual devices the library cannot use (bad files).
+// unusable: how many configured virtual devices the library cannot use (bad files);
+// build_version: vdxd's version, for vdx_build_info.
 std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
-                          const std::vector<vdxtool::VdevView>& vdevs, size_t unusable);
+                          const std::vector<vdxtool::VdevView>& vdevs, size_t unusable,
+                          const std::string& build_version);
 
 }  // namespace vdxd
 
