@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -292,6 +293,36 @@ TEST(Vdxctl, EveryQueryInEveryFormat) {
   EXPECT_TRUE(Has(watch.out, "Z,device,0,")) << watch.out;
 }
 
+// A connection to vdxd's control socket; -1 when none listens.
+int ConnectControl() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address;
+  memset(&address, 0, sizeof(address));
+  address.sun_family = AF_UNIX;
+  const char kName[] = "zovdx-vdxd-control";
+  memcpy(address.sun_path + 1, kName, sizeof(kName) - 1);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address),
+              offsetof(sockaddr_un, sun_path) + 1 + sizeof(kName) - 1) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// Whether vdxd answers "ping" (from its main loop).
+bool Ping() {
+  const int fd = ConnectControl();
+  if (fd < 0) return false;
+  timeval limit = {2, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  char answer[32] = {0};
+  const bool ok = send(fd, "ping\n", 5, MSG_NOSIGNAL) == 5 &&
+                  recv(fd, answer, sizeof(answer) - 1, 0) > 0 &&
+                  std::string(answer) == "0 running\n";
+  close(fd);
+  return ok;
+}
+
 // vdxd, started in the background, and stopped with SIGTERM by the test.
 class Daemon {
  public:
@@ -304,7 +335,8 @@ class Daemon {
       execl(VDXD_BIN, "vdxd", "--interval", "1", nullptr);
       _exit(127);
     }
-    for (int i = 0; i < 200 && Vdxctl("start 99").exit == 3; ++i)
+    // Up once its main loop answers: that is after its first start of the configuration.
+    for (int i = 0; i < 200 && !Ping(); ++i)
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   // SIGTERM; the exit status.
@@ -474,15 +506,8 @@ pid_t Trickler(uid_t uid) {
   const pid_t pid = fork();
   if (pid != 0) return pid;
   if (uid != 0 && !DropTo(uid)) _exit(3);
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address;
-  memset(&address, 0, sizeof(address));
-  address.sun_family = AF_UNIX;
-  const char kName[] = "zovdx-vdxd-control";
-  memcpy(address.sun_path + 1, kName, sizeof(kName) - 1);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address),
-              offsetof(sockaddr_un, sun_path) + 1 + sizeof(kName) - 1) != 0)
-    _exit(4);
+  const int fd = ConnectControl();
+  if (fd < 0) _exit(4);
   for (int i = 0; i < 50; ++i) {
     send(fd, "s", 1, MSG_NOSIGNAL);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
