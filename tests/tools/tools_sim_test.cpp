@@ -4,9 +4,12 @@
 // document's edits applied to a process in a private mount namespace.
 #include <fcntl.h>
 #include <grp.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -326,9 +329,14 @@ bool Ping() {
 // vdxd, started in the background, and stopped with SIGTERM by the test.
 class Daemon {
  public:
-  Daemon() {
+  // descriptors: vdxd's hard limit on open files, when not 0.
+  explicit Daemon(rlim_t descriptors = 0) {
     pid_ = fork();
     if (pid_ == 0) {
+      if (descriptors != 0) {
+        const rlimit limit = {descriptors, descriptors};
+        setrlimit(RLIMIT_NOFILE, &limit);
+      }
       const int log = open("/tmp/vdxd.log", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
       dup2(log, 1);
       dup2(log, 2);
@@ -347,6 +355,7 @@ class Daemon {
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
+  pid_t pid() const { return pid_; }
   ~Daemon() {
     if (pid_ > 0) Stop();
   }
@@ -550,6 +559,161 @@ TEST(Vdxd, NobodyCanStallTheControlSocket) {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
   }
+}
+
+// A connection to vdxd's metrics port, or -1 when it is not made within timeout_ms.
+int ConnectMetrics(int timeout_ms = 2000) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_in address;
+  memset(&address, 0, sizeof(address));
+  address.sin_family = AF_INET;
+  address.sin_port = htons(9464);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  int error = 0;
+  socklen_t length = sizeof(error);
+  pollfd ready = {fd, POLLOUT, 0};
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 &&
+      (errno != EINPROGRESS || poll(&ready, 1, timeout_ms) != 1 ||
+       getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0)) {
+    close(fd);
+    return -1;
+  }
+  fcntl(fd, F_SETFL, 0);
+  return fd;
+}
+
+// Sends `request` on a new connection and reads until vdxd closes it (at most 5 s).
+std::string Exchange(const std::string& request) {
+  const int fd = ConnectMetrics();
+  if (fd < 0) return "no connection";
+  timeval limit = {5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+  std::string answer;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = recv(fd, buffer, sizeof(buffer), 0)) > 0) answer.append(buffer, n);
+  close(fd);
+  return answer;
+}
+
+size_t Count(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+long ResidentKiB(pid_t pid) {
+  const std::string status = Slurp("/proc/" + std::to_string(pid) + "/status");
+  const size_t at = status.find("VmRSS:");
+  return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
+}
+
+// Requests in one write are answered in order; requests that cannot be taken are refused with
+// their status, and one that never ends is dropped at its deadline.
+TEST(Vdxd, MetricsRequestsWholeOrRefused) {
+  Daemon daemon;
+  const std::string both = Exchange(
+      "GET /metrics HTTP/1.1\r\nHost: t\r\n\r\nGET / HTTP/1.1\r\nHost: t\r\n"
+      "Connection: close\r\n\r\n");
+  EXPECT_EQ(Count(both, "HTTP/1.1 200 OK\r\n"), 2u) << both;
+  EXPECT_LT(both.find("vdx_build_info"), both.find("href=\"/metrics\"")) << both;
+  // A small body is read, though refused: nothing here takes one.
+  EXPECT_EQ(Exchange("POST /metrics HTTP/1.1\r\nContent-Length: 3\r\nConnection: close\r\n\r\nabc").substr(0, 12),
+            "HTTP/1.1 405");
+  const std::string filler = "X-Filler: " + std::string(9000, 'a') + "\r\n";
+  EXPECT_EQ(Exchange("GET /metrics HTTP/1.1\r\n" + filler).substr(0, 12), "HTTP/1.1 431");
+  EXPECT_EQ(Exchange("GET /metrics HTTP/1.1\r\n" + filler + "\r\n").substr(0, 12), "HTTP/1.1 431");
+  EXPECT_EQ(Exchange("POST / HTTP/1.1\r\nContent-Length: 5000\r\n\r\n").substr(0, 12),
+            "HTTP/1.1 413");
+  EXPECT_EQ(Exchange("POST / HTTP/1.1\r\nContent-Length: 99999999999\r\n\r\n").substr(0, 12),
+            "HTTP/1.1 413");
+  EXPECT_EQ(Exchange("POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n").substr(0, 12),
+            "HTTP/1.1 411");
+  EXPECT_EQ(Exchange("GET / HTTP/1.1\r\nContent-Length: x\r\n\r\n").substr(0, 12), "HTTP/1.1 400");
+  double took = SecondsOf([] { EXPECT_EQ(Exchange("GET /metrics HTTP/1.1\r\nHost: t\r\n"), ""); });
+  EXPECT_GT(took, 1.5);
+  EXPECT_LT(took, 4.0);
+}
+
+// Idle connections beyond vdxd's descriptors, clients that send a header byte now and then,
+// and one that sends header lines without end: scrapes are still answered at once, the
+// library inside vdxd still finds descriptors, and vdxd's memory stays where it was.
+TEST(Vdxd, NobodyCanStallTheMetrics) {
+  ASSERT_EQ(Vdxctl("create 0 --units 8 --memory 1024").exit, 0);
+  Daemon daemon(1024);
+  ASSERT_TRUE(Within([] { return Instances().size() == 1; }));
+  const long resident_before = ResidentKiB(daemon.pid());
+
+  int report[2];
+  ASSERT_EQ(pipe(report), 0);
+  fflush(stdout);
+  const pid_t bomber = fork();
+  if (bomber == 0) {
+    const int fd = ConnectMetrics();
+    std::string lines = "GET /metrics HTTP/1.1\r\n";
+    while (lines.size() < 65536) lines += "X-Filler: " + std::string(1000, 'a') + "\r\n";
+    size_t sent = 0;
+    for (ssize_t n = 0; fd >= 0 && sent < (300u << 20); sent += static_cast<size_t>(n)) {
+      n = send(fd, lines.data(), lines.size(), MSG_NOSIGNAL);
+      if (n <= 0) break;
+    }
+    if (write(report[1], &sent, sizeof(sent)) != sizeof(sent)) _exit(1);
+    _exit(0);
+  }
+  close(report[1]);
+  std::vector<pid_t> slow;
+  for (int i = 0; i < 16; ++i) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const int fd = ConnectMetrics();
+      const std::string request = "GET /metrics HTTP/1.1\r\nHost: slow\r\nX-Slow: 1\r\n";
+      for (int at = 0; fd >= 0 && at < 50; ++at) {
+        send(fd, request.data() + at % request.size(), 1, MSG_NOSIGNAL);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      }
+      _exit(0);
+    }
+    slow.push_back(pid);
+  }
+  rlimit files;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+  files.rlim_cur = files.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
+  std::vector<int> idle;
+  for (int i = 0; i < 1500; ++i) {
+    const int fd = ConnectMetrics(200);
+    if (fd < 0) break;
+    idle.push_back(fd);
+  }
+  EXPECT_EQ(idle.size(), 1500u) << "connections are accepted, not left in the backlog";
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the slow ones under way
+
+  for (int i = 0; i < 5; ++i) {
+    Result page;
+    EXPECT_LT(SecondsOf([&] { page = Shell("curl -sf -m 5 http://127.0.0.1:9464/metrics"); }), 1.0);
+    EXPECT_EQ(page.exit, 0);
+    EXPECT_TRUE(Has(page.out, "vdx_vdev_started{vdev=\"0\"")) << page.out;
+  }
+  Result r;
+  EXPECT_LT(SecondsOf([&] { r = Vdxctl("stop 0"); }), 1.0);
+  EXPECT_EQ(r.exit, 0) << r.err;
+  ASSERT_EQ(Vdxctl("create 1 --units 4 --memory 512").exit, 0);
+  EXPECT_TRUE(Within([] { return Instances().size() == 1 && JsonOf("vdevs")["virtual_devices"][1]["started"] == true; }))
+      << "the library inside vdxd still starts new virtual devices";
+
+  size_t sent = 0;
+  EXPECT_EQ(read(report[0], &sent, sizeof(sent)), static_cast<ssize_t>(sizeof(sent)));
+  close(report[0]);
+  EXPECT_LT(sent, 32u << 20) << "the endless head is cut off";
+  EXPECT_LT(ResidentKiB(daemon.pid()) - resident_before, 16 * 1024);
+  EXPECT_EQ(daemon.Stop(), 0);
+  for (int fd : idle) close(fd);
+  for (pid_t pid : slow) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  waitpid(bomber, nullptr, 0);
 }
 
 // Files the library cannot use (disabled, damaged, not a regular file) cost only their own

@@ -18,17 +18,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -36,6 +33,7 @@
 
 #include "tools/common/control.h"
 #include "tools/common/vdx_view.h"
+#include "tools/vdxd/http_front.h"
 #include "tools/vdxd/metrics.h"
 #include "zovdx/vdx.h"
 
@@ -146,58 +144,6 @@ class Service {
   std::mutex page_lock_;
   std::string page_ = "starting\n";
   bool page_ok_ = false;
-};
-
-// httplib's own pool queues every accepted connection, so that idle connections by the
-// thousand take as many descriptors. This pool makes the accepting thread wait while
-// kMaxQueued connections wait for a worker: the rest stay in the kernel's backlog and take none
-// of vdxd's descriptors.
-class BoundedPool : public httplib::TaskQueue {
- public:
-  static constexpr size_t kThreads = 4;
-  static constexpr size_t kMaxQueued = 16;
-
-  BoundedPool() {
-    for (size_t i = 0; i < kThreads; ++i) workers_.emplace_back([this] { Work(); });
-  }
-  void enqueue(std::function<void()> fn) override {
-    std::unique_lock<std::mutex> lock(mutex_);
-    room_.wait(lock, [this] { return stopping_ || jobs_.size() < kMaxQueued; });
-    if (stopping_) return;
-    jobs_.push_back(std::move(fn));
-    ready_.notify_one();
-  }
-  void shutdown() override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stopping_ = true;
-    }
-    ready_.notify_all();
-    room_.notify_all();
-    for (std::thread& worker : workers_) worker.join();
-  }
-
- private:
-  void Work() {
-    for (;;) {
-      std::function<void()> job;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ready_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-        if (jobs_.empty()) return;  // stopping, nothing left
-        job = std::move(jobs_.front());
-        jobs_.pop_front();
-      }
-      room_.notify_one();
-      job();
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable ready_, room_;
-  std::deque<std::function<void()>> jobs_;
-  std::vector<std::thread> workers_;
-  bool stopping_ = false;
 };
 
 // (Re)watches the configuration directory; -1 while it cannot be watched.
@@ -320,12 +266,9 @@ int main(int argc, char** argv) {
   int watch = Watch(inotify, -1);
 
   Service service;
-  httplib::Server server;
-  server.new_task_queue = [] { return new BoundedPool(); };
-  // No client holds a worker long: a request must come, and its answer go, within a second.
-  server.set_read_timeout(1, 0);
-  server.set_write_timeout(1, 0);
-  server.set_keep_alive_timeout(1);
+  vdxd::Router server;
+  // Only what httplib writes into its answers: the front enforces the limits themselves.
+  server.set_keep_alive_timeout(5);
   server.set_keep_alive_max_count(16);
   server.set_payload_max_length(4096);
   server.Get("/metrics", [&service](const httplib::Request&, httplib::Response& response) {
@@ -357,11 +300,16 @@ int main(int argc, char** argv) {
     server.Patch(path, refuse);
     server.Options(path, refuse);
   }
-  if (!server.bind_to_port(host.c_str(), port)) {
-    fprintf(stderr, "vdxd: cannot serve metrics on %s\n", listen.c_str());
+  vdxd::FrontLimits limits;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0)
+    limits.connections = vdxd::ConnectionsFor(static_cast<size_t>(files.rlim_cur));
+  vdxd::HttpFront front(&server, limits);
+  std::string why;
+  if (!front.Listen(host, port, &why)) {
+    fprintf(stderr, "vdxd: cannot serve metrics on %s: %s\n", listen.c_str(), why.c_str());
     return 1;
   }
-  std::thread http([&server] { server.listen_after_bind(); });
+  front.Start();
 
   service.Sync();
   service.RefreshMetrics();
@@ -391,8 +339,7 @@ int main(int argc, char** argv) {
     }
   }
   Say("stopping: the virtual devices started here go with this process");
-  server.stop();
-  http.join();
+  front.Stop();
   close(inotify);
   close(control);
   close(signal_fd);
