@@ -251,6 +251,17 @@ TEST(Vdxctl, BusyEncryptionAndLogLevel) {
     EXPECT_EQ(json::parse(debug.out)["devices"].size(), 2u) << debug.out;
   }
   EXPECT_EQ(Vdxctl("--log-level trace devices").exit, 2);
+
+  // The library's coloured labels reach a terminal in colour, and anything else plain.
+  ASSERT_EQ(Vdxctl("create 0 --count 1").exit, 0);
+  const std::string start = kCtl + " --log-level debug start 0";
+  const Result to_file = Shell(start);
+  EXPECT_TRUE(Has(to_file.err, "] Error: get created virtual device(0)")) << to_file.err;
+  EXPECT_FALSE(Has(to_file.err, "\033[")) << to_file.err;
+  EXPECT_TRUE(Has(Shell("script -qec '" + start + "' /dev/null").out, "\033[31mError\033[0m: get"));
+  const Result no_colour = Shell("NO_COLOR=1 script -qec '" + start + "' /dev/null");
+  EXPECT_TRUE(Has(no_colour.out, "] Error: get created")) << no_colour.out;
+  EXPECT_FALSE(Has(no_colour.out, "\033[")) << no_colour.out;
 }
 
 TEST(Vdxctl, EveryQueryInEveryFormat) {
@@ -716,6 +727,27 @@ TEST(Vdxd, NobodyCanStallTheMetrics) {
   waitpid(bomber, nullptr, 0);
 }
 
+// A started virtual device that shares its device's units has no busy percentage of its own:
+// unknown in every format and no sample, not the number the division by zero units makes.
+TEST(Vdxd, SharingVirtualDevicesHaveNoBusyPercent) {
+  ASSERT_EQ(Vdxctl("create 0 --units 0,0 --memory 1024,1024").exit, 0);
+  Daemon daemon;
+  ASSERT_TRUE(Within([] { return Instances().size() == 2; }));
+  const json vdevs = JsonOf("vdevs")["virtual_devices"];
+  ASSERT_EQ(vdevs.size(), 2u);
+  EXPECT_EQ(vdevs[0]["started"], true);
+  EXPECT_TRUE(vdevs[0]["busy_percent"].is_null()) << vdevs;
+  const json busy = JsonOf("busy")["virtual_devices"];
+  ASSERT_EQ(busy.size(), 2u) << busy;
+  EXPECT_TRUE(busy[1]["busy_percent"].is_null()) << busy;
+  EXPECT_TRUE(Has(Vdxctl("--format csv busy").out, "\nvdev,1,\n"));
+  EXPECT_TRUE(Has(Vdxctl("vdevs 0").out, "yes      -")) << Vdxctl("vdevs 0").out;
+  const std::string page = Shell("curl -sf http://127.0.0.1:9464/metrics").out;
+  EXPECT_TRUE(Has(page, "vdx_vdev_started{vdev=\"1\"")) << page;
+  EXPECT_FALSE(Has(page, "vdx_vdev_busy_ratio{")) << page;
+  EXPECT_FALSE(Has(Vdxctl("--format csv vdevs").out + Vdxctl("busy").out, "-2147483648"));
+}
+
 // Files the library cannot use (disabled, damaged, not a regular file) cost only their own
 // virtual devices: the others are listed and started, each bad one is named once.
 TEST(Vdxd, BadFilesCostOnlyThemselves) {
@@ -816,13 +848,19 @@ TEST(Cdi, TheEditsBindAProcessToItsVirtualDevices) {
     if (r.exit != 0) _exit(13);
     const json j = json::parse(r.out);
     if (j["devices"].size() != 1 || j["devices"][0]["compute_units"] != 4) _exit(14);
+    // Its busy percentage, of the one device it has.
+    const Result busy = Vdxctl("--format json busy");
+    if (busy.exit != 0 || json::parse(busy.out)["devices"].size() != 1 ||
+        !json::parse(busy.out)["virtual_devices"].empty())
+      _exit(16);
     _exit(Vdxctl("create 0 --count 1").exit == 106 ? 0 : 15);
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0)
-      << "13: the tool failed, 14: not bound to exactly the chosen device, 15: not refused";
+      << "13: the tool failed, 14: not bound to exactly the chosen device, 15: not refused, "
+         "16: busy failed or showed more than the container's device";
 }
 
 }  // namespace

@@ -12,6 +12,14 @@ std::string StatusText(vdxStatus status) {
   return text;
 }
 
+namespace {
+
+constexpr int kUntouched = -1;  // never a percentage: the query did not write one
+
+bool IsPercent(int percent) { return percent >= 0 && percent <= 100; }
+
+}  // namespace
+
 vdxStatus ListDevices(std::vector<DeviceView>* devices) {
   devices->clear();
   int count = 0;
@@ -34,7 +42,7 @@ vdxStatus ListDevices(std::vector<DeviceView>* devices) {
       view.remaining_bytes = bytes;
     }
     int percent = 0;
-    if (vdxGetDevBusyPercent(index, &percent) == VDX_STATUS_SUCCESS) {
+    if (vdxGetDevBusyPercent(index, &percent) == VDX_STATUS_SUCCESS && IsPercent(percent)) {
       view.has_busy = true;
       view.busy_percent = percent;
     }
@@ -71,14 +79,16 @@ vdxStatus ListVdevs(std::vector<VdevView>* vdevs, std::vector<UnusableVdev>* unu
     view.used_bytes = info.usage_mem_size;
     view.container = info.container_id;
     view.pipe = PipeOf(id);
-    // The busy query answers only for a started virtual device; the driver's refusal (12)
-    // means there is no instance.
-    int percent = 0;
+    // The busy query answers only for a started virtual device: the driver's refusal (12)
+    // means there is no instance, and so does a success that left the percentage as it was.
+    // A virtual device that shares its device's units has none of its own to measure: the
+    // library's answer is then no percentage (0 of 0 units), shown as unknown.
+    int percent = kUntouched;
     status = vdxGetVDevBusyPercent(id, &percent);
-    if (status == VDX_STATUS_SUCCESS) {
+    if (status == VDX_STATUS_SUCCESS && percent != kUntouched) {
       view.started = true;
-      view.has_busy = true;
-      view.busy_percent = percent;
+      view.has_busy = IsPercent(percent);
+      view.busy_percent = view.has_busy ? percent : 0;
     }
     vdevs->push_back(view);
   }

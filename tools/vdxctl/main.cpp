@@ -25,6 +25,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/common/control.h"
+#include "tools/common/plain_log.h"
 #include "tools/common/vdx_view.h"
 #include "tools/vdxctl/cdi.h"
 #include "tools/vdxctl/output.h"
@@ -159,8 +160,11 @@ int Busy(Format format, int watch_seconds, int rounds) {
     std::vector<vdxtool::VdevView> vdevs;
     vdxStatus status = vdxtool::ListDevices(&devices);
     if (status != VDX_STATUS_SUCCESS) return Fail("devices", status);
+    // Inside a container the library lists no virtual devices (6): the devices above are
+    // the container's own, and they are what there is to show.
     status = ListUsableVdevs(&vdevs);
-    if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
+    if (status == VDX_STATUS_NOT_SUPPORTED) vdevs.clear();
+    else if (status != VDX_STATUS_SUCCESS) return Fail("virtual devices", status);
     const std::string time = Now();
     if (format == Format::kJson) {
       // One object per line when watching, so that each can be read as it comes.
@@ -173,7 +177,10 @@ int Busy(Format format, int watch_seconds, int rounds) {
                                 {"busy_percent", d.has_busy ? nlohmann::json(d.busy_percent)
                                                             : nlohmann::json(nullptr)}});
       for (const auto& v : vdevs)
-        if (v.has_busy) j["virtual_devices"].push_back({{"id", v.id}, {"busy_percent", v.busy_percent}});
+        if (v.started)
+          j["virtual_devices"].push_back(
+              {{"id", v.id},
+               {"busy_percent", v.has_busy ? nlohmann::json(v.busy_percent) : nlohmann::json(nullptr)}});
       std::fprintf(vdxctl::Out(), "%s\n", watching ? j.dump().c_str() : j.dump(2).c_str());
     } else {
       const std::string unknown = format == Format::kCsv ? "" : "-";
@@ -187,7 +194,8 @@ int Busy(Format format, int watch_seconds, int rounds) {
       for (const auto& d : devices)
         add({"device", std::to_string(d.index), d.has_busy ? std::to_string(d.busy_percent) : unknown});
       for (const auto& v : vdevs)
-        if (v.has_busy) add({"vdev", std::to_string(v.id), std::to_string(v.busy_percent)});
+        if (v.started)
+          add({"vdev", std::to_string(v.id), v.has_busy ? std::to_string(v.busy_percent) : unknown});
       // One header per output: a CSV stream of rounds is one table.
       if (format == Format::kCsv && round > 0) rows.header.clear();
       vdxctl::PrintRows(rows, format);
@@ -457,8 +465,10 @@ int main(int argc, char** argv) {
   }
 
   // From here on the library may log (--log-level debug, VDX_LOG_LEVEL): its lines go to
-  // standard error, the results alone to standard output.
+  // standard error, the results alone to standard output; their colour codes only to a
+  // terminal.
   vdxctl::KeepStandardOutputForResults();
+  vdxtool::PlainLogStreams();
   const Format format = format_name == "json"  ? Format::kJson
                         : format_name == "csv" ? Format::kCsv
                                                : Format::kTable;

@@ -32,6 +32,7 @@
 #include <httplib.h>
 
 #include "tools/common/control.h"
+#include "tools/common/plain_log.h"
 #include "tools/common/vdx_view.h"
 #include "tools/vdxd/http_front.h"
 #include "tools/vdxd/metrics.h"
@@ -221,6 +222,8 @@ int main(int argc, char** argv) {
             listen.c_str());
     return 2;
   }
+  // The journal or a log file gets the library's lines without their colour codes.
+  vdxtool::PlainLogStreams();
   if (geteuid() != 0) {
     fprintf(stderr, "vdxd: must run as root: starting virtual devices needs it\n");
     return 1;
