@@ -31,20 +31,15 @@ ssize_t WritePlain(void* cookie, const char* buffer, size_t size) {
   return static_cast<ssize_t>(size);  // every byte of the caller's was taken
 }
 
-int ClosePlain(void* cookie) {
-  delete static_cast<PlainCookie*>(cookie);
-  return 0;
-}
+// One per stream, for the life of the process (the streams are never closed).
+PlainCookie g_cookies[2];
 
 FILE* PlainStream(int fd, int buffering) {
-  auto* cookie = new PlainCookie{fd, 0};
-  cookie_io_functions_t io = {nullptr, WritePlain, nullptr, ClosePlain};
+  PlainCookie* cookie = &g_cookies[fd == STDERR_FILENO ? 1 : 0];
+  *cookie = {fd, 0};
+  cookie_io_functions_t io = {nullptr, WritePlain, nullptr, nullptr};
   FILE* stream = fopencookie(cookie, "w", io);
-  if (stream == nullptr) {
-    delete cookie;
-    return nullptr;
-  }
-  setvbuf(stream, nullptr, buffering, BUFSIZ);
+  if (stream != nullptr) setvbuf(stream, nullptr, buffering, BUFSIZ);
   return stream;
 }
 
