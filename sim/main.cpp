@@ -30,6 +30,8 @@ const char kUsage[] =
     "  --etc-full         /etc has no free space (writes fail with ENOSPC)\n"
     "  --etc-size BYTES   room for writes under /etc (default 64 MiB)\n"
     "  --private-home     writes to root's home directory stay in the sandbox\n"
+    "  --containers       /dev/mkfd and a CDI file (vdx-sim.zovdx.dev/machine=sim) for\n"
+    "                     container engines run inside (root only)\n"
     "  --print-machine    print the machine description and exit\n"
     "  -h, --help         this text; `vdx-sim ctl help` lists the control commands\n";
 
@@ -80,6 +82,8 @@ int main(int argc, char** argv) {
       options.etc_full = true;
     } else if (a == "--private-home") {
       options.private_home = true;
+    } else if (a == "--containers") {
+      options.containers = true;
     } else if (a == "--etc-size" && i + 1 < argc) {
       char* end = nullptr;
       errno = 0;

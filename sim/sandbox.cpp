@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "sim/containers.h"
 #include "sim/daemon.h"
 
 extern char** environ;
@@ -201,6 +202,12 @@ std::string SetupMounts(const SandboxOptions& o, bool userns, int* staging_fd) {
       return Errno("mount the overlay over " + home);
     }
   }
+  if (o.containers) {
+    // A device node cannot be made in a user namespace.
+    if (userns) return "--containers needs root: the device node cannot be made otherwise";
+    const std::string error = MakeDeviceNode("/tmp/dev-store");
+    if (!error.empty()) return error;
+  }
   *staging_fd = open("/tmp", O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (*staging_fd < 0) return Errno("open the /etc store");
   struct {
@@ -379,6 +386,13 @@ int RunSandbox(const SandboxOptions& o) {
   if (!tools.Place()) {
     std::fprintf(stderr, "vdx-sim: cannot copy vdx-sim into the sandbox: %s\n", std::strerror(errno));
     return 125;
+  }
+  if (o.containers) {
+    error = WriteMachineCdi(tools.preload());
+    if (!error.empty()) {
+      std::fprintf(stderr, "vdx-sim: %s\n", error.c_str());
+      return 125;
+    }
   }
   TmpfsEtc etc(staging_fd, o.etc_size);
   if (o.etc_full) error = etc.Fill();

@@ -18,6 +18,7 @@ struct SandboxOptions {
   bool etc_readonly = false;
   bool etc_full = false;
   bool private_home = false;  // root's home directory as an overlay too
+  bool containers = false;    // /dev/mkfd and the machine's CDI file, for container engines
   uint64_t etc_size = 64ull << 20;  // room for writes under /etc
 };
 

@@ -64,6 +64,8 @@ vdxStatus ListVdevs(std::vector<VdevView>* vdevs, std::vector<UnusableVdev>* unu
     vdxDeviceInfo info;
     status = vdxGetVDeviceInfo(id, &info);
     if (status == VDX_STATUS_VDEV_NOT_EXIST) continue;
+    // Refused for every id alike (inside a container): there is nothing to list here.
+    if (status == VDX_STATUS_NOT_SUPPORTED) return status;
     if (status != VDX_STATUS_SUCCESS) {
       // The count answered, so the configuration as a whole can be read: only this file is
       // bad, and it costs only its own virtual device.

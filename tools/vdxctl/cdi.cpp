@@ -1,6 +1,10 @@
 #include "tools/vdxctl/cdi.h"
 
+#include <dirent.h>
+
 #include <algorithm>
+#include <fstream>
+#include <sstream>
 
 namespace vdxctl {
 namespace {
@@ -73,6 +77,30 @@ nlohmann::json CdiSpec(const std::vector<CdiVdev>& vdevs) {
   nlohmann::json spec = {{"kind", kCdiKind}, {"devices", devices}};
   spec["cdiVersion"] = MinimumCdiVersion(spec);
   return spec;
+}
+
+std::vector<std::string> SpecsHandingOut(int id) {
+  const std::string file = "\"/etc/vdev/vdev" + std::to_string(id) + ".conf\"";
+  std::vector<std::string> found;
+  for (const char* directory : {"/etc/cdi", "/var/run/cdi"}) {
+    DIR* listing = opendir(directory);
+    if (listing == nullptr) continue;
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(listing)) names.push_back(entry->d_name);
+    closedir(listing);
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+      const size_t dot = name.rfind('.');
+      if (dot == std::string::npos || (name.substr(dot) != ".json" && name.substr(dot) != ".yaml"))
+        continue;
+      const std::string path = std::string(directory) + "/" + name;
+      std::ifstream in(path);
+      std::ostringstream text;
+      text << in.rdbuf();
+      if (text.str().find(file) != std::string::npos) found.push_back(path);
+    }
+  }
+  return found;
 }
 
 }  // namespace vdxctl

@@ -33,6 +33,12 @@ nlohmann::json CdiSpec(const std::vector<CdiVdev>& vdevs);
 // Older engines read only the versions they know, so no file claims more than it needs.
 std::string MinimumCdiVersion(const nlohmann::json& spec);
 
+// The CDI specifications in the engines' directories (/etc/cdi, /var/run/cdi) that hand the
+// configuration file of virtual device `id` to containers. A container holds that file as
+// it was when it started (a bind mount keeps the replaced file), so a change reaches only
+// the containers started after it.
+std::vector<std::string> SpecsHandingOut(int id);
+
 }  // namespace vdxctl
 
 #endif  // ZOVDX_TOOLS_VDXCTL_CDI_H_

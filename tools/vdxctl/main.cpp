@@ -502,6 +502,11 @@ int main(int argc, char** argv) {
     const vdxStatus status = vdxUpdateSingleVDevice(vdev, new_units, new_memory);
     if (status != VDX_STATUS_SUCCESS) return Fail("update", status);
     std::fprintf(vdxctl::Out(), "updated virtual device %d\n", vdev);
+    for (const std::string& spec : vdxctl::SpecsHandingOut(vdev))
+      fprintf(stderr,
+              "vdxctl: warning: %s hands virtual device %d to containers: a running container "
+              "keeps the configuration it started with until it is restarted\n",
+              spec.c_str(), vdev);
     return 0;
   }
   if (destroy->parsed()) {
