@@ -2,7 +2,9 @@
 idle connections, 16 clients that send a header byte every 200 ms and one endless header
 stream are open against it, in the same run. Run it in the simulator as root:
 
-  build/sim/vdx-sim -- /usr/bin/python3 bench/metrics_under_load.py build/tools/vdxd [SCRAPES]
+  build/sim/vdx-sim -- /usr/bin/python3 bench/metrics_under_load.py build/tools/vdxd [SCRAPES [IDLE]]
+
+IDLE (default 1500) sets how many idle connections are opened.
 """
 import os
 import resource
@@ -16,8 +18,10 @@ import urllib.request
 
 vdxd = sys.argv[1]
 scrapes = int(sys.argv[2]) if len(sys.argv) > 2 else 200
+idle_count = int(sys.argv[3]) if len(sys.argv) > 3 else 1500
 URL = "http://127.0.0.1:9464/metrics"
 stop = threading.Event()
+socket.setdefaulttimeout(10)
 
 
 def scrape_times(count):
@@ -79,7 +83,7 @@ try:
     threads.append(threading.Thread(target=endless_head))
     for t in threads:
         t.start()
-    idle = [socket.create_connection(("127.0.0.1", 9464)) for _ in range(1500)]
+    idle = [socket.create_connection(("127.0.0.1", 9464), timeout=5) for _ in range(idle_count)]
     time.sleep(0.5)
     loaded = scrape_times(scrapes)
     resident_after = resident_kib(daemon.pid)
