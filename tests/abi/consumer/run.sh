@@ -33,8 +33,8 @@ cc -std=c99 -Wall -Werror $extra_flags "$source/lifecycle.c" $(pkg-config --cfla
 
 if [ -x "$build/tools/vdxctl" ]; then
   echo "== tools"
-  for file in bin/vdxctl sbin/vdxd lib/systemd/system/vdxd.service share/man/man1/vdxctl.1 \
-              share/man/man8/vdxd.8; do
+  for file in bin/vdxctl sbin/vdxd lib/systemd/system/vdxd.service share/man/man1/vdxctl.1.gz \
+              share/man/man8/vdxd.8.gz; do
     [ -e "$prefix/$file" ] || { echo "FAIL: $file not installed"; exit 1; }
   done
   grep -q "^ExecStart=$prefix/sbin/vdxd$" "$prefix/lib/systemd/system/vdxd.service" ||
