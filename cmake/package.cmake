@@ -8,6 +8,8 @@ set(ZOVDX_DEB_MAINTAINER "libzovdx developers <packages@zovdx.dev>")
 # wants it (gzip -9n: no name, no time stamp, the same bytes every build).
 execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/deploy/debian/changelog
                 OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
+# component:package. The Kubernetes device plugin, once built, joins here as one more
+# component (and in CPACK_COMPONENTS_ALL below).
 set(ZOVDX_DEB_PACKAGES lib:libzovdx1 dev:libzovdx-dev tools:zovdx-tools sim:vdx-sim
                        python:python3-zovdx)
 foreach(pair IN LISTS ZOVDX_DEB_PACKAGES)
