@@ -8,10 +8,12 @@ set(ZOVDX_DEB_MAINTAINER "libzovdx developers <packages@zovdx.dev>")
 # wants it (gzip -9n: no name, no time stamp, the same bytes every build).
 execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/deploy/debian/changelog
                 OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
-# component:package. The Kubernetes device plugin, once built, joins here as one more
-# component (and in CPACK_COMPONENTS_ALL below).
+# component:package. The Kubernetes device plugin is packaged where it is built (gRPC found).
 set(ZOVDX_DEB_PACKAGES lib:libzovdx1 dev:libzovdx-dev tools:zovdx-tools sim:vdx-sim
                        python:python3-zovdx)
+if(ZOVDX_HAVE_DEVICE_PLUGIN)
+  list(APPEND ZOVDX_DEB_PACKAGES plugin:vdx-device-plugin)
+endif()
 foreach(pair IN LISTS ZOVDX_DEB_PACKAGES)
   string(REPLACE ":" ";" pair "${pair}")
   list(GET pair 0 component)
@@ -48,6 +50,9 @@ set(CPACK_PACKAGE_VENDOR "libzovdx developers")
 set(CPACK_PACKAGE_CONTACT ${ZOVDX_DEB_MAINTAINER})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL lib dev tools sim python)
+if(ZOVDX_HAVE_DEVICE_PLUGIN)
+  list(APPEND CPACK_COMPONENTS_ALL plugin)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${ZOVDX_DEB_RELEASE})
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${ZOVDX_DEB_MAINTAINER})
@@ -115,5 +120,14 @@ set(CPACK_DEBIAN_PYTHON_DESCRIPTION
 The zovdx package gives Python scripts every function of libzovdx:
 devices and virtual devices as data classes, failures as exceptions. It
 is pure Python over the installed shared library.")
+
+set(CPACK_DEBIAN_PLUGIN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PLUGIN_PACKAGE_DEPENDS "libzovdx1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PLUGIN_DESCRIPTION
+"Kubernetes device plugin for virtual accelerator devices
+vdx-device-plugin offers a node's libzovdx virtual devices to the kubelet
+through its device plugin API: one resource for all, or one per shape,
+health from the driver, CDI names for the container runtime. It runs
+beside vdxd, which keeps the virtual devices started.")
 
 include(CPack)

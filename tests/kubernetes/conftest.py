@@ -13,15 +13,15 @@ import time
 
 import pytest
 
-sys.path.insert(0, os.environ["STUBS"])
+sys.path.insert(0, os.environ.get("STUBS", ""))
 sys.path.insert(0, os.path.dirname(__file__))
 
 import deviceplugin_pb2 as api  # noqa: E402
 from kubelet_standin import Kubelet  # noqa: E402
 
-VDXCTL = os.environ["VDXCTL_BIN"]
-VDXD = os.environ["VDXD_BIN"]
-PLUGIN = os.environ["PLUGIN_BIN"]
+VDXCTL = os.environ.get("VDXCTL_BIN", "vdxctl")
+VDXD = os.environ.get("VDXD_BIN", "vdxd")
+PLUGIN = os.environ.get("PLUGIN_BIN", "vdx-device-plugin")
 SIM = os.environ.get("VDX_SIM_BIN", "vdx-sim")
 
 
@@ -138,5 +138,7 @@ class Watch:
 def empty_machine():
     """Every test starts and leaves the machine without virtual devices."""
     yield
+    if not os.path.exists(VDXCTL):
+        return  # a test that needs no machine (the manifests)
     for device in ("0", "1"):
         subprocess.run([VDXCTL, "destroy", "--device", device], capture_output=True)

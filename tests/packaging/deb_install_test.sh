@@ -24,7 +24,8 @@ mount -t tmpfs tmpfs /run  # no systemd here: the packages must not need one
 step() { printf '== %s\n' "$*"; }
 step "install"
 dpkg -i "$debs"/*.deb >/dev/null
-for pkg in libzovdx1 libzovdx-dev zovdx-tools vdx-sim python3-zovdx; do
+packages=$(for deb in "$debs"/*.deb; do dpkg-deb -f "$deb" Package; done)
+for pkg in $packages; do
   [ "$(dpkg-query -W -f='${db:Status-Status}' "$pkg")" = installed ] || { echo "$pkg not installed"; exit 1; }
 done
 [ -f /usr/lib/systemd/system/vdxd.service ] && ! [ -e /etc/systemd/system/multi-user.target.wants/vdxd.service ]
@@ -57,10 +58,14 @@ C
 # shellcheck disable=SC2046  # pkg-config's words are meant to split
 cc -o "$work/probe" "$work/probe.c" $(pkg-config --cflags --libs zovdx)
 [ "$(vdx-sim -- "$work/probe")" = "2 ZO XC-100 32G" ]
-man -w vdxctl vdxd vdx-sim >/dev/null 2>&1 || [ -f /usr/share/man/man1/vdx-sim.1.gz ]
+[ -f /usr/share/man/man1/vdx-sim.1.gz ] && [ -f /usr/share/man/man8/vdxd.8.gz ]
+if [ -x /usr/bin/vdx-device-plugin ]; then
+  vdx-device-plugin --version | grep -q "^vdx-device-plugin 1.0.0$"
+fi
 
 step "purge"
-dpkg --purge python3-zovdx zovdx-tools vdx-sim libzovdx-dev libzovdx1 >/dev/null
+# shellcheck disable=SC2086  # one word per package
+dpkg --purge $packages >/dev/null
 left=$(cd "$work" && find usr.upper etc.upper var.upper -mindepth 1 ! -type d \
          ! -path etc.upper/ld.so.cache ! -path 'etc.upper/vdev/*' \
          ! -path 'var.upper/lib/dpkg/*' ! -path 'var.upper/log/*' ! -path 'var.upper/cache/*')
