@@ -18,6 +18,8 @@ import grpc
 
 import deviceplugin_pb2 as api
 import deviceplugin_pb2_grpc as rpc
+import podresources_pb2 as pods_api
+import podresources_pb2_grpc as pods_rpc
 
 
 class Registration(rpc.RegistrationServicer):
@@ -83,6 +85,35 @@ class Kubelet:
         """A client of a registered endpoint."""
         channel = grpc.insecure_channel("unix://" + os.path.join(self.directory, endpoint))
         return rpc.DevicePluginStub(channel)
+
+
+class PodResources(pods_rpc.PodResourcesListerServicer):
+    """The kubelet's pod resources API on `socket`: List answers with `assigned`, a list of
+    (namespace, pod, container, resource, [device ids])."""
+
+    def __init__(self, socket):
+        self.socket = socket
+        self.assigned = []
+        self.server = None
+
+    def List(self, request, context):
+        response = pods_api.ListPodResourcesResponse()
+        for namespace, pod, container, resource, ids in self.assigned:
+            entry = response.pod_resources.add(name=pod, namespace=namespace)
+            entry.containers.add(name=container).devices.add(resource_name=resource,
+                                                             device_ids=ids)
+        return response
+
+    def start(self):
+        self.server = grpc.server(futures.ThreadPoolExecutor(max_workers=2))
+        pods_rpc.add_PodResourcesListerServicer_to_server(self, self.server)
+        self.server.add_insecure_port("unix://" + self.socket)
+        self.server.start()
+
+    def stop(self):
+        self.server.stop(grace=None)
+        if os.path.exists(self.socket):
+            os.unlink(self.socket)
 
 
 if __name__ == "__main__":

@@ -2,12 +2,16 @@
 the device list and its changes, health, Allocate, GetPreferredAllocation, a kubelet restart
 and both strategies."""
 import json
+import os
+import time
+import urllib.request
 
 import grpc
 import pytest
 
 import deviceplugin_pb2 as api
 from conftest import Watch, vdxctl
+from kubelet_standin import PodResources
 
 SINGLE = "zovdx-vdev.sock"
 
@@ -165,3 +169,35 @@ def test_mixed_offers_one_resource_per_shape(vdxd, kubelet, start_plugin):
     vdxctl("create", "1", "--units", "16", "--memory", "4096")
     registrations = kubelet.wait_for_registrations(4, timeout=5)
     assert registrations[-1][1].resource_name == "zovdx.dev/vdev-16cu-4096mib"
+
+
+def test_vdxd_labels_the_metrics_with_the_pod_that_holds_a_device(vdxd, kubelet, start_plugin):
+    vdxctl("create", "0", "--units", "8,4", "--memory", "1024,2048")
+    socket = os.path.join(kubelet.directory, "pod-resources.sock")
+    lister = PodResources(socket)
+    lister.assigned = [("ml", "trainer-0", "main", "zovdx.dev/vdev", ["vdev1"]),
+                       ("other", "cpu-job", "main", "example.com/thing", ["vdev0"])]
+    lister.start()
+    plugin = start_plugin("--pod-resources-socket", socket)
+    kubelet.wait_for_registrations(1)
+
+    def page():
+        with urllib.request.urlopen("http://127.0.0.1:9464/metrics", timeout=5) as answer:
+            return answer.read().decode()
+
+    labelled = 'vdx_vdev_started{vdev="1",device="0",name="ZO XC-100 32G",container_id="0x0",' \
+               'namespace="ml",pod="trainer-0",container="main"} 1'
+    deadline = time.monotonic() + 5
+    while labelled not in page() and time.monotonic() < deadline:
+        time.sleep(0.2)
+    text = page()
+    assert labelled in text, text
+    # Another resource's devices and an unheld device carry no pod.
+    assert 'vdx_vdev_started{vdev="0",device="0",name="ZO XC-100 32G",container_id="0x0"} 1' in text
+    # The plugin gone, its file goes with it, and so do the labels.
+    assert plugin.stop() == 0
+    lister.stop()
+    deadline = time.monotonic() + 5
+    while "trainer-0" in page() and time.monotonic() < deadline:
+        time.sleep(0.2)
+    assert "trainer-0" not in page()

@@ -338,11 +338,11 @@ TEST(Vdxd, MetricsPage) {
   EXPECT_EQ(samples["vdx_device_compute_units" + device0], 60);
   EXPECT_EQ(samples["vdx_device_free_compute_units" + device0], 48);
   EXPECT_DOUBLE_EQ(samples["vdx_device_busy_ratio" + device0], 0.03);
-  const std::string vdev1 = "{vdev=\"1\",device=\"0\",name=\"ZO XC-100 32G\",container=\"0x0\"}";
+  const std::string vdev1 = "{vdev=\"1\",device=\"0\",name=\"ZO XC-100 32G\",container_id=\"0x0\"}";
   EXPECT_EQ(samples["vdx_vdev_memory_limit_bytes" + vdev1], 2048.0 * (1 << 20));
   EXPECT_EQ(samples["vdx_vdev_started" + vdev1], 1);
   EXPECT_DOUBLE_EQ(samples["vdx_vdev_busy_ratio{vdev=\"0\",device=\"0\",name=\"ZO XC-100 32G\","
-                           "container=\"0x0\"}"],
+                           "container_id=\"0x0\"}"],
                    0.25)
       << "2 busy of its 8 units";
   // The shortest text that reads back as the same number.

@@ -84,6 +84,12 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--cdi-dir", options.cdi_dir, "Where the CDI file for those names is kept")
       ->capture_default_str();
+  app.add_option("--pod-resources-socket", options.pod_resources_socket,
+                 "The kubelet's pod resources socket: which pod holds which device")
+      ->capture_default_str();
+  app.add_option("--pod-map", options.pod_map,
+                 "Where vdxd finds which pod holds which virtual device (for its metrics)")
+      ->capture_default_str();
   app.set_version_flag("--version", std::string("vdx-device-plugin ") + ZOVDX_VERSION);
   CLI11_PARSE(app, argc, argv);
   options.strategy = strategy == "mixed" ? vdxplugin::Strategy::kMixed : vdxplugin::Strategy::kSingle;
@@ -146,7 +152,41 @@ int main(int argc, char** argv) {
     }
   };
 
+  // Which pod holds which device, for vdxd's metrics: asked at every scan while the kubelet's
+  // pod resources socket is there; rewritten when it changes, and every few seconds so that
+  // vdxd can tell a live file from one left behind.
+  vdxtool::PodMap pods_written;
+  auto pods_written_at = std::chrono::steady_clock::time_point();
+  bool pod_file = false;
+  std::string pod_trouble;
+  const auto publish_pods = [&] {
+    vdxtool::PodMap pods;
+    std::string error;
+    if (access(options.pod_resources_socket.c_str(), F_OK) != 0) {
+      if (pod_file) unlink(options.pod_map.c_str());
+      pod_file = false;
+      return;
+    }
+    if (!vdxplugin::ListPods(options.pod_resources_socket, &pods, &error)) {
+      if (error != pod_trouble) Say("%s", error.c_str());
+      pod_trouble = error;
+      return;
+    }
+    pod_trouble.clear();
+    const auto now = std::chrono::steady_clock::now();
+    if (pod_file && pods == pods_written && now - pods_written_at < std::chrono::seconds(5)) return;
+    mkdir(options.pod_map.substr(0, options.pod_map.rfind('/')).c_str(), 0755);
+    if (!vdxtool::WritePodMap(options.pod_map, pods, &error)) {
+      Say("%s", error.c_str());
+      return;
+    }
+    pod_file = true;
+    pods_written = pods;
+    pods_written_at = now;
+  };
+
   scan();
+  publish_pods();
   register_all();
   auto next_check = std::chrono::steady_clock::now() + std::chrono::seconds(1);
   for (;;) {
@@ -166,6 +206,7 @@ int main(int argc, char** argv) {
     if (changed && access("/etc/vdev", F_OK) != 0) vdev_watch = -1;  // gone: watch it anew
     if (changed || std::chrono::steady_clock::now() >= next_check) {
       scan();  // also the health check: instances stopped or started, accelerators gone
+      publish_pods();
       next_check = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     }
     if (kubelet_started) {
@@ -174,6 +215,7 @@ int main(int argc, char** argv) {
     }
   }
   Say("stopping");
+  if (pod_file) unlink(options.pod_map.c_str());
   inventory.Close();
   for (auto& [resource, endpoint] : endpoints) endpoint->Stop();
   close(inotify);

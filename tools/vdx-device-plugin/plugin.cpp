@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 
+#include "podresources.grpc.pb.h"
 #include "tools/vdxctl/cdi.h"
 
 namespace vdxplugin {
@@ -265,6 +266,34 @@ bool WriteCdiFile(const Options& options, const std::vector<PluginDevice>& devic
     unlink(temporary.c_str());
     return false;
   }
+  return true;
+}
+
+bool ListPods(const std::string& socket, vdxtool::PodMap* pods, std::string* error) {
+  pods->clear();
+  auto channel = grpc::CreateChannel("unix://" + socket, grpc::InsecureChannelCredentials());
+  v1::PodResourcesLister::Stub kubelet(channel);
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(1));
+  v1::ListPodResourcesRequest request;
+  v1::ListPodResourcesResponse response;
+  const grpc::Status status = kubelet.List(&context, request, &response);
+  if (!status.ok()) {
+    *error = "the kubelet's pod resources cannot be listed: " + status.error_message();
+    return false;
+  }
+  const std::string ours = std::string(kDomain) + "/vdev";
+  for (const auto& pod : response.pod_resources())
+    for (const auto& container : pod.containers())
+      for (const auto& devices : container.devices()) {
+        if (devices.resource_name().compare(0, ours.size(), ours) != 0) continue;
+        for (const std::string& id : devices.device_ids()) {
+          if (id.size() < 5 || id.compare(0, 4, "vdev") != 0 ||
+              id.find_first_not_of("0123456789", 4) != std::string::npos || id.size() > 6)
+            continue;
+          (*pods)[std::stoi(id.substr(4))] = {pod.namespace_(), pod.name(), container.name()};
+        }
+      }
   return true;
 }
 

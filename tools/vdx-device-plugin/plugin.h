@@ -18,12 +18,15 @@
 #include <grpcpp/grpcpp.h>
 
 #include "deviceplugin.grpc.pb.h"
+#include "tools/common/pod_map.h"
 #include "tools/vdx-device-plugin/inventory.h"
 
 namespace vdxplugin {
 
 struct Options {
   std::string plugin_dir = "/var/lib/kubelet/device-plugins";
+  std::string pod_resources_socket = "/var/lib/kubelet/pod-resources/kubelet.sock";
+  std::string pod_map = vdxtool::kPodMapPath;  // for vdxd's metrics labels
   std::string cdi_dir = "/var/run/cdi";
   bool cdi = true;  // answer Allocate with CDI names; else with the node and the files
   Strategy strategy = Strategy::kSingle;
@@ -104,6 +107,10 @@ std::string SocketNameFor(const std::string& resource);
 // when there is none. False with *error when it cannot be written.
 bool WriteCdiFile(const Options& options, const std::vector<PluginDevice>& devices,
                   std::string* error);
+
+// Which pod holds which of our virtual devices, from the kubelet's pod resources API (List on
+// `socket`). False with *error when the kubelet cannot be asked.
+bool ListPods(const std::string& socket, vdxtool::PodMap* pods, std::string* error);
 
 }  // namespace vdxplugin
 

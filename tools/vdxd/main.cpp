@@ -102,9 +102,14 @@ class Service {
     std::vector<vdxtool::UnusableVdev> unusable;
     vdxStatus status = vdxtool::ListDevices(&devices);
     if (status == VDX_STATUS_SUCCESS) status = vdxtool::ListVdevs(&vdevs, &unusable);
+    // Kubernetes' pods, where vdx-device-plugin says which pod holds which virtual device.
+    std::string why;
+    const vdxtool::PodMap pods = vdxtool::ReadPodMap(vdxtool::kPodMapPath, &why);
+    if (why != pod_map_trouble_ && !why.empty()) Say("no pod labels: %s", why.c_str());
+    pod_map_trouble_ = why;
     std::lock_guard<std::mutex> lock(page_lock_);
     page_ok_ = status == VDX_STATUS_SUCCESS;
-    page_ = page_ok_ ? vdxd::RenderMetrics(devices, vdevs, unusable.size(), ZOVDX_VERSION)
+    page_ = page_ok_ ? vdxd::RenderMetrics(devices, vdevs, unusable.size(), ZOVDX_VERSION, pods)
                      : vdxtool::StatusText(status) + "\n";
   }
   // The page and whether it holds metrics (else the reason there are none).
@@ -142,6 +147,7 @@ class Service {
  private:
   std::set<int> stopped_;                // stopped on request: not started again until asked
   std::map<int, vdxStatus> unusable_;    // reported already, with the status it gave
+  std::string pod_map_trouble_;          // said once, until it changes
   std::mutex page_lock_;
   std::string page_ = "starting\n";
   bool page_ok_ = false;

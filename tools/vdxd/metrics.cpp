@@ -31,11 +31,19 @@ std::string DeviceLabels(const vdxtool::DeviceView& d) {
   return "{device=\"" + std::to_string(d.index) + "\",name=\"" + Escape(d.name) + "\"}";
 }
 
-std::string VdevLabels(const vdxtool::VdevView& v) {
+// container_id is the library's (the container that uses the virtual device); pod, namespace
+// and container are Kubernetes', present when a pod holds the virtual device.
+std::string VdevLabels(const vdxtool::VdevView& v, const vdxtool::PodMap& pods) {
   char container[32];
   snprintf(container, sizeof(container), "0x%llx", static_cast<unsigned long long>(v.container));
-  return "{vdev=\"" + std::to_string(v.id) + "\",device=\"" + std::to_string(v.device) +
-         "\",name=\"" + Escape(v.device_name) + "\",container=\"" + container + "\"}";
+  std::string labels = "{vdev=\"" + std::to_string(v.id) + "\",device=\"" +
+                       std::to_string(v.device) + "\",name=\"" + Escape(v.device_name) +
+                       "\",container_id=\"" + container + "\"";
+  const auto pod = pods.find(v.id);
+  if (pod != pods.end())
+    labels += ",namespace=\"" + Escape(pod->second.namespace_name) + "\",pod=\"" +
+              Escape(pod->second.pod) + "\",container=\"" + Escape(pod->second.container) + "\"";
+  return labels + "}";
 }
 
 // One family: its HELP and TYPE, then a sample per item that has the value.
@@ -55,12 +63,12 @@ void Family(std::string* out, const char* name, const char* help, const std::vec
 
 std::string RenderMetrics(const std::vector<vdxtool::DeviceView>& devices,
                           const std::vector<vdxtool::VdevView>& vdevs, size_t unusable,
-                          const std::string& build_version) {
+                          const std::string& build_version, const vdxtool::PodMap& pods) {
   using D = vdxtool::DeviceView;
   using V = vdxtool::VdevView;
   std::string out;
   const std::function<std::string(const D&)> dl = DeviceLabels;
-  const std::function<std::string(const V&)> vl = VdevLabels;
+  const std::function<std::string(const V&)> vl = [&pods](const V& v) { return VdevLabels(v, pods); };
   Family<D>(&out, "vdx_device_compute_units", "Compute units of the physical device.", devices, dl,
             [](const D& d, double* v) { return *v = d.units, true; });
   Family<D>(&out, "vdx_device_memory_bytes", "Memory of the physical device.", devices, dl,
