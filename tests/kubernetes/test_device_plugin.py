@@ -76,16 +76,39 @@ def test_health_goes_down_and_comes_back(vdxd, kubelet, start_plugin):
     watch.close()
 
 
+def test_a_device_whose_accelerator_is_gone_is_unhealthy_until_it_is_back(vdxd, kubelet,
+                                                                          start_plugin):
+    vdxctl("create", "1", "--units", "8", "--memory", "1024")
+    start_plugin()
+    kubelet.wait_for_registrations(1)
+    watch = Watch(kubelet.plugin(SINGLE))
+    watch.until(lambda d: d.get("vdev0") == "Healthy")
+    path = "/etc/vdev/vdev0.conf"
+    with open(path) as f:
+        original = f.read()
+    # The file now names an accelerator this machine does not have.
+    with open(path, "w") as f:
+        f.write(original.replace("PciBusId: 0000:04:00.0", "PciBusId: 0000:7f:00.0"))
+    devices, seconds = watch.until(lambda d: d.get("vdev0") == "Unhealthy")
+    assert seconds is not None and seconds < 2.0, devices
+    with open(path, "w") as f:
+        f.write(original)
+    devices, seconds = watch.until(lambda d: d.get("vdev0") == "Healthy", timeout=5)
+    assert seconds is not None, devices
+    watch.close()
+
+
 def test_allocate_hands_out_names_the_runtime_resolves(vdxd, kubelet, start_plugin, tmp_path):
     vdxctl("create", "0", "--units", "8,4", "--memory", "1024,2048")
     vdxctl("create", "1", "--units", "0", "--memory", "1024")  # shares device 1's units
     start_plugin()
     kubelet.wait_for_registrations(1)
     stub = kubelet.plugin(SINGLE)
-    answer = allocate(stub, ["vdev0"], ["vdev0", "vdev1"], ["vdev2"])
+    answer = allocate(stub, ["vdev0", "vdev1"], ["vdev2"])  # two containers of one pod
     names = [[c.name for c in r.cdi_devices] for r in answer.container_responses]
-    assert names == [["zovdx.dev/vdev=0"], ["zovdx.dev/vdev=0", "zovdx.dev/vdev=1"],
-                     ["zovdx.dev/vdev=2"]]
+    assert names == [["zovdx.dev/vdev=0", "zovdx.dev/vdev=1"], ["zovdx.dev/vdev=2"]]
+    assert [c.name for c in allocate(stub, ["vdev1"]).container_responses[0].cdi_devices] == \
+        ["zovdx.dev/vdev=1"]
     assert all(not r.mounts and not r.devices for r in answer.container_responses)
     # Every name resolves in the CDI file the plugin keeps.
     with open(tmp_path / "cdi" / "zovdx-device-plugin.json") as f:
@@ -93,10 +116,11 @@ def test_allocate_hands_out_names_the_runtime_resolves(vdxd, kubelet, start_plug
     defined = {f"{spec['kind']}={d['name']}" for d in spec["devices"]}
     assert {n for container in names for n in container} <= defined
 
-    for ids, says in ((["vdev0", "vdev2"], "cannot be given to a container together"),
-                      (["vdev9"], "unknown device vdev9")):
+    for containers, says in (([["vdev0", "vdev2"]], "cannot be given to a container together"),
+                             ([["vdev9"]], "unknown device vdev9"),
+                             ([["vdev0"], ["vdev1", "vdev0"]], "asked for by more than one container")):
         with pytest.raises(grpc.RpcError) as refused:
-            allocate(stub, ids)
+            allocate(stub, *containers)
         assert refused.value.code() == grpc.StatusCode.INVALID_ARGUMENT
         assert says in refused.value.details()
 

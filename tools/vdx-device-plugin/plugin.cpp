@@ -134,6 +134,13 @@ grpc::Status DevicePluginService::Allocate(grpc::ServerContext*,
                                            const v1beta1::AllocateRequest* request,
                                            v1beta1::AllocateResponse* response) {
   const std::vector<PluginDevice> mine = Mine();
+  // A virtual device binds the one container that holds it: never two of a pod at once.
+  std::map<std::string, int> asked_by;
+  for (const auto& container : request->container_requests())
+    for (const std::string& id : container.devices_ids())
+      if (++asked_by[id] > 1)
+        return grpc::Status(grpc::StatusCode::INVALID_ARGUMENT,
+                            "virtual device " + id + " is asked for by more than one container");
   for (const auto& container : request->container_requests()) {
     std::vector<const PluginDevice*> asked;
     for (const std::string& id : container.devices_ids()) {
