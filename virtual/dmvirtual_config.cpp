@@ -24,6 +24,7 @@
 #include "utils/utils.h"
 #include "virtual/dmvirtual_labels.h"
 #include "virtual/include/dmvirtual.h"
+#include "virtual/vdev_file.h"
 
 std::string VdevFileName(int vdev_id) { return "vdev" + std::to_string(vdev_id) + ".conf"; }
 
@@ -51,15 +52,6 @@ namespace {
 
 // A configuration file is nine short lines; anything much larger is not one.
 constexpr off_t kMaxVdevFileSize = 4096;
-
-// Numbers in the files may be written in any base strtoull knows ("0x" hexadecimal, leading
-// zero octal); the fields are ints.
-// errno is ERANGE afterwards when the text overflows 64 bits.
-uint64_t ParseNumber(const std::string& text) {
-  errno = 0;
-  return strtoull(text.c_str(), nullptr, 0);
-}
-int ParseInt(const std::string& text) { return static_cast<int>(ParseNumber(text)); }
 
 // Whether the stamp (seconds, nanoseconds) is at least as new as the file's.
 bool NotOlder(time_t seconds, long nanoseconds, const struct timespec& file) {
@@ -111,75 +103,22 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
               path.c_str(), error.c_str());
     return VDX_STATUS_ERROR;
   }
-  utils::FileHandle stream(fdopen(fd.get(), "r"));
-  if (!stream) return VDX_STATUS_ERROR;
-  fd.release();
+  std::string text;
+  char buffer[1024];
+  for (;;) {
+    const ssize_t n = read(fd.get(), buffer, sizeof(buffer));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  fd.reset();
 
-  virtual_device_info record{};
-  bool enable = false;
-  unsigned int domain = 0, bus = 0, device = 0, function = 0;
-  int mask_lines = 0;
-  ForEachLine(stream.get(), [&](const std::string& line) {
-    // Only the first key, in this order, that the line holds anywhere counts.
-    static const char* const kOrder[] = {"PciBusId:", "cu_mask:", "cu_count:", "mem:",
-                                         "device_id:", "enable:", "vdev_id:", "pipe_id:"};
-    const char* key = nullptr;
-    for (const char* candidate : kOrder) {
-      if (line.find(candidate) != std::string::npos) {
-        key = candidate;
-        break;
-      }
-    }
-    if (key == nullptr) return true;
-    std::vector<std::string> parts;
-    SplitStr(line, " ", parts, true);
-    // A hand-edited key without its value costs this file only, never the caller.
-    if (parts.size() < 2) {
-      error += std::string("key ") + key + " without a value";
-      return true;
-    }
-    const std::string& value = parts[1];
-    // The writer never writes a negative number, and no rule about over-commitment is about
-    // one: such a value is damage, not a request.
-    if (strcmp(key, "PciBusId:") != 0 && value[0] == '-') {
-      error += std::string("a negative value for ") + key;
-      return true;
-    }
-    // Nor a number too large for its field, which would wrap to a negative one or another id.
-    if (strcmp(key, "PciBusId:") != 0 && strcmp(key, "cu_mask:") != 0 &&
-        (ParseNumber(value) > static_cast<uint64_t>(INT_MAX) || errno == ERANGE)) {
-      error += std::string("a value out of range for ") + key;
-      return true;
-    }
-    if (strcmp(key, "PciBusId:") == 0) {
-      if (sscanf(value.c_str(), "%x:%x:%x.%x", &domain, &bus, &device, &function) < 4)
-        error += "invalid pci bus id format(" + value;
-    } else if (strcmp(key, "cu_mask:") == 0) {
-      // The first line is bits 0-63, the second 64-127; a third adds nothing but the error.
-      record.cuMask |= CuMaskFromWord64(ParseNumber(value), static_cast<size_t>(mask_lines));
-      ++mask_lines;
-      if (mask_lines > 2) error += "invalid cu_mask field count(" + std::to_string(mask_lines) + ")";
-    } else if (strcmp(key, "cu_count:") == 0) {
-      record.cuCount = ParseInt(value);
-    } else if (strcmp(key, "mem:") == 0) {
-      record.memLimit = ParseInt(value);  // the "MiB" token is not read
-    } else if (strcmp(key, "device_id:") == 0) {
-      record.device_id = ParseInt(value);
-    } else if (strcmp(key, "enable:") == 0) {
-      enable = ParseNumber(value) != 0;
-    } else if (strcmp(key, "vdev_id:") == 0) {
-      record.vdev_id = ParseInt(value);
-    } else {
-      record.pipe_id = ParseInt(value);
-    }
-    return true;
-  });
-  stream.reset();
-
-  if (domain == 0 && bus == 0 && device == 0 && function == 0 && error.empty())
-    error = "empty pci bus identifier";
-  if (error.empty() && (record.vdev_id < 0 || record.vdev_id >= kMaxVirtualDevices))
-    error = "vdev_id " + std::to_string(record.vdev_id) + " out of range";
+  VdevFileFields fields;
+  error = ParseVdevFile(text, &fields);
+  virtual_device_info record = fields.record;
+  const bool enable = fields.enable;
+  const unsigned int domain = fields.domain, bus = fields.bus, device = fields.device,
+                     function = fields.function;
   if (!error.empty()) {
     LOG_DEBUG("[%s] %s: file '%s' has been damaged, due to %s.\n", __func__, kLabelError,
               path.c_str(), error.c_str());

@@ -17,6 +17,7 @@
 #include "utils/utils.h"
 #include "virtual/dmvirtual_labels.h"
 #include "virtual/include/dmvirtual.h"
+#include "virtual/vdev_file.h"
 
 namespace {
 
@@ -32,16 +33,6 @@ size_t TakeLowestUnit(cu_mask_t& free_units) {
 }
 
 }  // namespace
-
-std::string VdevFileText(const device_info& physical, const virtual_device_info& vdev) {
-  return StrFormat("PciBusId: %04x:%02x:%02x.%x\n", physical.pciDomainID, physical.pciBus,
-                   physical.pciDevice, physical.pciFunction) +
-         StrFormat("cu_mask: 0x%016lx\n", CuMaskWord64(vdev.cuMask, 0)) +
-         StrFormat("cu_mask: 0x%016lx\n", CuMaskWord64(vdev.cuMask, 1)) +
-         StrFormat("cu_count: %d\n", vdev.cuCount) + StrFormat("mem: %d MiB\n", vdev.memLimit) +
-         StrFormat("device_id: %d\n", vdev.device_id) + StrFormat("vdev_id: %d\n", vdev.vdev_id) +
-         StrFormat("pipe_id: %d\n", vdev.pipe_id) + StrFormat("enable: %d\n", 1);
-}
 
 vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_config,
                                           int* mem_config) {

@@ -93,9 +93,6 @@ typedef struct _sys_group_info {
   uint64_t group_id;  // bit n: virtual device n belongs to the group
 } sys_group_info;
 
-// The nine lines of a virtual device's configuration file, as written by this library.
-std::string VdevFileText(const device_info& physical, const virtual_device_info& vdev);
-
 class Dmvirtual {
  public:
   static constexpr size_t cu_mask_field_size = 64;

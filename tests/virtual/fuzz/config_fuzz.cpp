@@ -1,5 +1,6 @@
-// Fuzz targets of the two readers of files that anyone with write access can shape: a
-// virtual device's configuration file and a driver group's entry file. ctest replays the
+// Fuzz targets of the two readers of files that anyone with write access can shape: the
+// parser of a virtual device's configuration text (given the text directly) and the reader of
+// a driver group's entry file. ctest replays the
 // corpora beside this file (under the sanitizers in CI). To search for new inputs, build it
 // with libFuzzer and -DZOVDX_FUZZ_GROUP for the group reader:
 //
@@ -17,9 +18,11 @@
 #include <string>
 
 #include "tests/virtual/dmvirtual_peer.h"
+#include "virtual/vdev_file.h"
 
 namespace {
 
+#ifdef ZOVDX_FUZZ_GROUP
 const std::string& Scratch() {
   static const std::string dir = [] {
     char pattern[] = "/tmp/zovdx-config-fuzz-XXXXXX";
@@ -34,20 +37,16 @@ void WriteInput(const std::string& path, const uint8_t* data, size_t size) {
   if (size > 0 && fwrite(data, 1, size, file) != size) abort();
   fclose(file);
 }
+#endif
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+#ifdef ZOVDX_FUZZ_GROUP
   static Dmvirtual dm;
-  static DmvirtualPeer* peer = [] {
-    auto* p = new DmvirtualPeer(dm);
-    p->AddDevice(0x03, 60, 32768);
-    p->AddDevice(0x04, 64, 16384);
-    return p;
-  }();
+  static DmvirtualPeer* peer = new DmvirtualPeer(dm);
   const std::string path = Scratch() + "/input";
   WriteInput(path, data, size);
-#ifdef ZOVDX_FUZZ_GROUP
   sys_group_info group{7, 7};
   try {
     if (peer->GroupInfo(path, &group) != VDX_STATUS_SUCCESS) abort();  // the file is there
@@ -55,16 +54,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A matching line without its value: reported to the caller, as the reader promises.
   }
 #else
-  virtual_device_info info{};
-  const vdxStatus status = peer->GetVirtualDevice(Scratch(), "input", &info);
-  if (status == VDX_STATUS_SUCCESS) {
-    // What the manager relies on in every record it loads.
-    if (info.vdev_id < 0 || info.vdev_id > 31 || info.cuCount < 0 || info.memLimit < 0 ||
-        info.pipe_id < 0 || info.device_id < 0 || info.device_id > 1)
-      abort();
-  } else if (status != VDX_STATUS_ERROR) {
+  // The file's text goes to the parser directly: no file, no manager state.
+  VdevFileFields fields;
+  const std::string error =
+      ParseVdevFile(std::string(reinterpret_cast<const char*>(data), size), &fields);
+  const virtual_device_info& info = fields.record;
+  // What the manager relies on in every record it accepts.
+  if (error.empty() && (info.vdev_id < 0 || info.vdev_id > 31 || info.cuCount < 0 ||
+                        info.memLimit < 0 || info.pipe_id < 0 || info.device_id < 0))
     abort();
-  }
 #endif
   return 0;
 }
