@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "utils/utils.h"
 #include "virtual/cu_mask.h"
+#include "virtual/vdev_file_keys.h"
 
 namespace {
 
@@ -54,16 +54,7 @@ std::string ParseVdevFile(const std::string& text, VdevFileFields* fields) {
   std::string error;
   int mask_lines = 0;
   ForEachTextLine(text, [&](const std::string& line) {
-    // Only the first key, in this order, that the line holds anywhere counts.
-    static const char* const kOrder[] = {"PciBusId:", "cu_mask:", "cu_count:", "mem:",
-                                         "device_id:", "enable:", "vdev_id:", "pipe_id:"};
-    const char* key = nullptr;
-    for (const char* candidate : kOrder) {
-      if (line.find(candidate) != std::string::npos) {
-        key = candidate;
-        break;
-      }
-    }
+    const char* key = VdevFileKeyOf(line);
     if (key == nullptr) return;
     std::vector<std::string> parts;
     SplitStr(line, " ", parts, true);
@@ -75,34 +66,34 @@ std::string ParseVdevFile(const std::string& text, VdevFileFields* fields) {
     const std::string& value = parts[1];
     // The writer never writes a negative number, and no rule about over-commitment is about
     // one: such a value is damage, not a request.
-    if (strcmp(key, "PciBusId:") != 0 && value[0] == '-') {
+    if (key != kVdevKeyPci && value[0] == '-') {
       error += std::string("a negative value for ") + key;
       return;
     }
     // Nor a number too large for its field, which would wrap to a negative one or another id.
-    if (strcmp(key, "PciBusId:") != 0 && strcmp(key, "cu_mask:") != 0 &&
+    if (key != kVdevKeyPci && key != kVdevKeyMask &&
         (ParseNumber(value) > static_cast<uint64_t>(INT_MAX) || errno == ERANGE)) {
       error += std::string("a value out of range for ") + key;
       return;
     }
-    if (strcmp(key, "PciBusId:") == 0) {
+    if (key == kVdevKeyPci) {
       if (sscanf(value.c_str(), "%x:%x:%x.%x", &parsed.domain, &parsed.bus, &parsed.device,
                  &parsed.function) < 4)
         error += "invalid pci bus id format(" + value;
-    } else if (strcmp(key, "cu_mask:") == 0) {
+    } else if (key == kVdevKeyMask) {
       // The first line is bits 0-63, the second 64-127; a third adds nothing but the error.
       record.cuMask |= CuMaskFromWord64(ParseNumber(value), static_cast<size_t>(mask_lines));
       ++mask_lines;
       if (mask_lines > 2) error += "invalid cu_mask field count(" + std::to_string(mask_lines) + ")";
-    } else if (strcmp(key, "cu_count:") == 0) {
+    } else if (key == kVdevKeyUnits) {
       record.cuCount = ParseInt(value);
-    } else if (strcmp(key, "mem:") == 0) {
+    } else if (key == kVdevKeyMemory) {
       record.memLimit = ParseInt(value);  // the "MiB" token is not read
-    } else if (strcmp(key, "device_id:") == 0) {
+    } else if (key == kVdevKeyDevice) {
       record.device_id = ParseInt(value);
-    } else if (strcmp(key, "enable:") == 0) {
+    } else if (key == kVdevKeyEnable) {
       parsed.enable = ParseNumber(value) != 0;
-    } else if (strcmp(key, "vdev_id:") == 0) {
+    } else if (key == kVdevKeyId) {
       record.vdev_id = ParseInt(value);
     } else {
       record.pipe_id = ParseInt(value);

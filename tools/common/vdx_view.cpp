@@ -1,7 +1,12 @@
 #include "tools/common/vdx_view.h"
 
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
+
+#include "virtual/vdev_file_keys.h"
 
 namespace vdxtool {
 
@@ -100,13 +105,18 @@ vdxStatus ListVdevs(std::vector<VdevView>* vdevs, std::vector<UnusableVdev>* unu
 int PipeOf(int id) {
   std::ifstream file("/etc/vdev/vdev" + std::to_string(id) + ".conf");
   std::string line;
+  int pipe = -1;
+  // The line the library takes for the pipe is the one shown: the same keys, the same order.
   while (std::getline(file, line)) {
+    if (VdevFileKeyOf(line) != kVdevKeyPipe) continue;
     std::istringstream words(line);
-    std::string key;
-    long value = -1;
-    if (words >> key >> value && key == "pipe_id:") return static_cast<int>(value);
+    std::string key, value;
+    if (!(words >> key >> value) || value[0] == '-') return -1;
+    errno = 0;
+    const unsigned long long number = strtoull(value.c_str(), nullptr, 0);
+    pipe = errno == 0 && number <= INT_MAX ? static_cast<int>(number) : -1;
   }
-  return -1;
+  return pipe;
 }
 
 }  // namespace vdxtool
