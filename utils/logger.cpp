@@ -51,18 +51,10 @@ void Logger::SetLogLevel(const LogLevel& level) {
 }
 
 void Logger::SetLogLevel(const std::string& name) {
-  if (name == "warning")
-    log_level_ = kLogWarning;
-  else if (name == "info")
-    log_level_ = kLogInfo;
-  else if (name == "debug")
-    log_level_ = kLogDebug;
-  else if (name == "trace")
-    log_level_ = kLogTrace;
-  else if (name == "none")
-    log_level_ = kLogNone;
-  else
-    log_level_ = kLogInfo;
+  LogLevel level = kLogInfo;
+  // "error" names a level that callers cannot choose: it stores info, like any other text.
+  if (!LogLevelFromName(name, &level) || level == kLogError) level = kLogInfo;
+  log_level_ = level;
 }
 
 void Logger::SetLogFile(const std::string& path) {

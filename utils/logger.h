@@ -23,6 +23,24 @@ enum LogLevel : int {
   kLogEnd = 6,    // end marker, never a valid level
 };
 
+// The one table of the levels' names, by number.
+inline constexpr const char* kLogLevelNames[kLogEnd] = {"none",  "error", "warning",
+                                                        "info",  "debug", "trace"};
+// The name of a level by number; "unknown" for a number that is not one.
+inline const char* LogLevelName(int level) {
+  return level >= 0 && level < kLogEnd ? kLogLevelNames[level] : "unknown";
+}
+// The level a name stands for; false for a text that names none.
+inline bool LogLevelFromName(const std::string& name, LogLevel* level) {
+  for (int l = kLogNone; l < kLogEnd; ++l) {
+    if (name == kLogLevelNames[l]) {
+      *level = static_cast<LogLevel>(l);
+      return true;
+    }
+  }
+  return false;
+}
+
 class Logger {
  public:
   static Logger& GetInstance();

@@ -23,13 +23,6 @@
 
 namespace {
 
-// The names of the logger's levels by number, for the override warning.
-const char* LevelName(int level) {
-  static const char* const kNames[] = {"none", "error", "warning", "info", "debug", "trace"};
-  if (level < 0 || level >= static_cast<int>(sizeof(kNames) / sizeof(kNames[0]))) return "unknown";
-  return kNames[level];
-}
-
 // The caller's container: VDX_CONTAINER_ID (hexadecimal) when set, else what container
 // detection finds; 0 on bare metal. Detection reports ids as hexadecimal text, of which the
 // first 16 digits make the 64-bit id; a text without a leading hexadecimal digit throws.
@@ -248,8 +241,9 @@ vdxStatus Dmvirtual::Init() {
 
 vdxStatus Dmvirtual::SetLogLevel(std::string log_level) {
   // Errors alone and the trace level are deliberately not offered to callers.
-  if (log_level != "none" && log_level != "warning" && log_level != "info" &&
-      log_level != "debug") {
+  utils::LogLevel named = utils::kLogInfo;
+  if (!utils::LogLevelFromName(log_level, &named) || named == utils::kLogError ||
+      named == utils::kLogTrace) {
     LOG_DEBUG("[%s] %s: invalid parameter specified for log level(%s).\n", __func__, kLabelError,
               log_level.c_str());
     return VDX_STATUS_INVALID_ARGUMENTS;
@@ -258,7 +252,7 @@ vdxStatus Dmvirtual::SetLogLevel(std::string log_level) {
     const int level = atoi(forced);
     utils::SetLogLevel(static_cast<utils::LogLevel>(level));
     LOG_DEBUG("[%s] %s: log level has been overrided by envvar(%d-%s).\n", __func__,
-              kLabelWarning, level, LevelName(level));
+              kLabelWarning, level, utils::LogLevelName(level));
     return VDX_STATUS_SUCCESS;
   }
   utils::SetLogLevel(log_level);
