@@ -26,7 +26,7 @@ void FillFromVirtual(const virtual_device_info& vdev, const std::vector<Device*>
   out->container_id = docker_id;
   out->device_id = vdev.device_id;
   out->compute_unit_count = vdev.cuCount;
-  out->global_mem_size = static_cast<uint64_t>(static_cast<uint32_t>(vdev.memLimit)) << 20;
+  out->global_mem_size = MibToBytes(vdev.memLimit);
   if (vdev.device_id >= 0 && static_cast<size_t>(vdev.device_id) < devices.size())
     snprintf(out->name, sizeof(out->name), "%s", devices[vdev.device_id]->Info().name);
 }
@@ -124,7 +124,7 @@ vdxStatus Dmvirtual::GetDeviceRemainingInfo(int device_id, uint64_t* remaining_c
       return status;
     }
     *remaining_cus = static_cast<uint64_t>(static_cast<int64_t>(units));
-    *remaining_mem = static_cast<uint64_t>(static_cast<uint32_t>(mib)) << 20;
+    *remaining_mem = MibToBytes(mib);
     return VDX_STATUS_SUCCESS;
   } catch (const std::exception& e) {
     LOG_DEBUG("[%s] %s: failed to get the remaining cus and memory size of device(%d). Due to "

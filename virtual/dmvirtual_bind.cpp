@@ -27,7 +27,7 @@ constexpr char kVdevMaskVariable[] = "VDX_VDEV_MASK";
 void DriverShape(const virtual_device_info& vdev, uint32_t words[kCuMaskWord32Count],
                  uint64_t* limit) {
   CuMaskToWords32(vdev.cuMask, words);
-  *limit = static_cast<uint64_t>(static_cast<uint32_t>(vdev.memLimit)) << 20;
+  *limit = MibToBytes(vdev.memLimit);
 }
 
 }  // namespace
@@ -190,7 +190,7 @@ vdxStatus Dmvirtual::CreateProcessGroup(virtual_device_info* vdevs, int count) {
   }
   for (int i = 0; i < count; ++i) {
     const virtual_device_info& vdev = vdevs[i];
-    const uint64_t limit = static_cast<uint64_t>(static_cast<uint32_t>(vdev.memLimit)) << 20;
+    const uint64_t limit = MibToBytes(vdev.memLimit);
     const bool known_device =
         vdev.device_id >= 0 && static_cast<size_t>(vdev.device_id) < device_lists.size();
     const uint64_t total = known_device ? device_lists[vdev.device_id]->Info().globalMemSize : 0;

@@ -258,7 +258,7 @@ vdxStatus Dmvirtual::iCreateVdev(int vdev_id) {
   if (iGetVirtualDeviceById(vdev_id, &vdev) != VDX_STATUS_SUCCESS) return VDX_STATUS_VDEV_NOT_EXIST;
   uint32_t words[kCuMaskWord32Count];
   CuMaskToWords32(vdev.cuMask, words);
-  const uint64_t limit = static_cast<uint64_t>(static_cast<uint32_t>(vdev.memLimit)) << 20;
+  const uint64_t limit = MibToBytes(vdev.memLimit);
   const uint32_t device = static_cast<uint32_t>(vdev.device_id);
   const uint32_t pipe = static_cast<uint32_t>(vdev.pipe_id);
 

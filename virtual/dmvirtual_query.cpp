@@ -91,7 +91,7 @@ vdxStatus Dmvirtual::GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info) {
     memset(&record, 0, sizeof(record));
     snprintf(record.name, sizeof(record.name), "%s", physical.name);
     record.compute_unit_count = vdev.cuCount;
-    record.global_mem_size = static_cast<uint64_t>(static_cast<uint32_t>(vdev.memLimit)) << 20;
+    record.global_mem_size = MibToBytes(vdev.memLimit);
     record.device_id = vdev.device_id;
     if (system_mode == SYSTEM_MODE_MIG) {
       *info = record;

@@ -40,6 +40,12 @@ inline constexpr char kVdevDockerDir[] = "/etc/vdev/docker";
 inline constexpr char kSysfsGroupDir[] = "/sys/devices/virtual/kfd/kfd/group";
 
 inline constexpr int kMaxVirtualDevices = 32;       // ids 0..31, host-wide
+
+// MiB as the files and the records hold them (an int) to bytes. The int is taken as 32
+// unsigned bits, the way the driver takes a limit, so the arithmetic never overflows.
+inline uint64_t MibToBytes(int mib) {
+  return static_cast<uint64_t>(static_cast<uint32_t>(mib)) << 20;
+}
 inline constexpr int kMaxVdevsPerDevice = 4;        // one per pipe
 inline constexpr int kMaxPhysicalDevices = 8;
 
