@@ -15,6 +15,7 @@
 #include "utils/file.h"
 #include "utils/logger.h"
 #include "utils/utils.h"
+#include "virtual/change_frame.h"
 #include "virtual/dmvirtual_labels.h"
 #include "virtual/include/dmvirtual.h"
 #include "virtual/vdev_file.h"
@@ -36,67 +37,38 @@ size_t TakeLowestUnit(cu_mask_t& free_units) {
 
 vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_config,
                                           int* mem_config) {
-  if (geteuid() != 0) {
-    LOG_DEBUG("[%s] %s: create virtual devices failed, root privilege required.\n", __func__,
-              kLabelError);
-    return VDX_STATUS_PERMISSION;
-  }
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current is docker env, not support.\n", __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  const vdxStatus allowed =
+      iChangeAllowed(__func__, "create virtual devices", "current is docker env, not support.");
+  if (allowed != VDX_STATUS_SUCCESS) return allowed;
   if (count < 1 || count > kMaxVdevsPerDevice || device_id < 0 ||
       static_cast<size_t>(device_id) >= device_lists.size())
     return VDX_STATUS_INVALID_ARGUMENTS;
   LOG_DEBUG("[%s] Request to create %d virtual device on physical device(%d).\n", __func__, count,
             device_id);
   try {
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    ConfigLock file_lock(FileLocker::kShared);
-    vdxStatus status = iCheckAndReinitVirtualDevice();
-    if (status != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
-                kLabelError);
-      return status;
-    }
     std::vector<int> cus, mems;
     cu_mask_t free_units;
     uint32_t free_pipes = 0;
-    status = iGenerateVirtualDevicesConfig(device_id, count, cu_config, mem_config, cus, mems,
-                                           free_units, free_pipes);
-    if (status != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: calculate and generate virtual devices' configuration failed.\n",
-                __func__, kLabelError);
-      return status;
-    }
-    file_lock.Raise();
-    // The plan was made under the shared lock: if another process changed the files before
-    // this one got the exclusive lock, the plan is made again on what is there now, and its
-    // outcome is the request's.
-    bool changed = false;
-    status = iReloadUnderExclusiveLock(&changed);
-    if (status != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
-                kLabelError);
-      return status;
-    }
-    if (changed) {
-      status = iGenerateVirtualDevicesConfig(device_id, count, cu_config, mem_config, cus, mems,
-                                             free_units, free_pipes);
-      if (status != VDX_STATUS_SUCCESS) {
-        LOG_DEBUG("[%s] %s: calculate and generate virtual devices' configuration failed.\n",
-                  __func__, kLabelError);
-        return status;
-      }
-    }
-    status = iCreateVirtualDevices(device_id, count, cus, mems, free_units, free_pipes);
-    // Whatever was written, every process reads it again before it trusts its view.
-    BumpGeneration();
-    if (status != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: create requested virtual devices failed.\n", __func__, kLabelError);
-      return status;
-    }
-    return VDX_STATUS_SUCCESS;
+    return UnderExclusiveFileLock(
+        virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
+        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
+        // The plan, made on the configuration as it is under the lock held at the time.
+        [&]() {
+          const vdxStatus status = iGenerateVirtualDevicesConfig(
+              device_id, count, cu_config, mem_config, cus, mems, free_units, free_pipes);
+          if (status != VDX_STATUS_SUCCESS)
+            LOG_DEBUG("[%s] %s: calculate and generate virtual devices' configuration failed.\n",
+                      "CreateVirtualDevices", kLabelError);
+          return status;
+        },
+        [&]() {
+          const vdxStatus status =
+              iCreateVirtualDevices(device_id, count, cus, mems, free_units, free_pipes);
+          if (status != VDX_STATUS_SUCCESS)
+            LOG_DEBUG("[%s] %s: create requested virtual devices failed.\n",
+                      "CreateVirtualDevices", kLabelError);
+          return status;
+        });
   } catch (const std::exception& e) {
     LOG_DEBUG("[%s] %s: failed to create requested virtual devices. Due to %s\n", __func__,
               kLabelError, e.what());

@@ -16,62 +16,15 @@
 
 #include "utils/file.h"
 #include "utils/logger.h"
+#include "virtual/change_frame.h"
 #include "virtual/dmvirtual_labels.h"
 #include "virtual/include/dmvirtual.h"
 
-namespace {
-
-// The frame every changing request shares, after its own root, container and argument
-// checks: the locks, a current configuration, the raise to exclusive just before the work.
-// before_raise runs while the lock is still shared; a non-zero status ends the request.
-template <typename Reinit, typename Reload, typename BeforeRaise, typename Work>
-vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, const char* caller,
-                                 Reinit reinit, Reload reload, BeforeRaise before_raise,
-                                 Work work) {
-  std::unique_lock<std::shared_mutex> vdevs(vdev_lock);
-  ConfigLock file_lock(FileLocker::kShared);
-  vdxStatus status = reinit();
-  if (status != VDX_STATUS_SUCCESS) {
-    // The update's message says "devices", the destroys' "device".
-    if (plural)
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
-    else
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
-    return status;
-  }
-  status = before_raise();
-  if (status != VDX_STATUS_SUCCESS) return status;
-  file_lock.Raise();
-  // Another process may have changed the files before the exclusive lock was had: the work is
-  // done on what is there now.
-  bool changed = false;
-  status = reload(&changed);
-  if (status != VDX_STATUS_SUCCESS) {
-    if (plural)
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
-    else
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
-    return status;
-  }
-  if (changed) {
-    status = before_raise();
-    if (status != VDX_STATUS_SUCCESS) return status;
-  }
-  status = work();
-  // Whatever the work changed, every process reads it again before it trusts its view.
-  BumpGeneration();
-  return status;
-}
-
-}  // namespace
-
 vdxStatus Dmvirtual::DestroyVirtualDevices(int device_id) {
-  if (geteuid() != 0) {
-    LOG_DEBUG("[%s] %s: destroy virtual devices failed, root privilege required.\n", __func__,
-              kLabelError);
-    return VDX_STATUS_PERMISSION;
-  }
-  if (iRefusedInContainer(__func__)) return VDX_STATUS_NOT_SUPPORTED;
+  const vdxStatus allowed =
+      iChangeAllowed(__func__, "destroy virtual devices",
+                     "current process is running in docker virtual env, not support.");
+  if (allowed != VDX_STATUS_SUCCESS) return allowed;
   try {
     std::vector<int> ids;
     return UnderExclusiveFileLock(
@@ -113,12 +66,10 @@ vdxStatus Dmvirtual::DestroyVirtualDevices(int device_id) {
 }
 
 vdxStatus Dmvirtual::DestroyVirtualDevice(int vdev_id) {
-  if (geteuid() != 0) {
-    LOG_DEBUG("[%s] %s: destroy virtual device failed, root privilege required.\n", __func__,
-              kLabelError);
-    return VDX_STATUS_PERMISSION;
-  }
-  if (iRefusedInContainer(__func__)) return VDX_STATUS_NOT_SUPPORTED;
+  const vdxStatus allowed =
+      iChangeAllowed(__func__, "destroy virtual device",
+                     "current process is running in docker virtual env, not support.");
+  if (allowed != VDX_STATUS_SUCCESS) return allowed;
   if (vdev_id > kMaxVirtualDevices - 1) {
     LOG_DEBUG("[%s] %s: The virtual device id exceeds the upper limit.\n", __func__, kLabelError);
     return VDX_STATUS_ERROR;
@@ -149,15 +100,9 @@ vdxStatus Dmvirtual::DestroyVirtualDevice(int vdev_id) {
 }
 
 vdxStatus Dmvirtual::UpdateVirtualDevice(int vdev_id, int cu, int mem) {
-  if (geteuid() != 0) {
-    LOG_DEBUG("[%s] %s: update virtual device failed, root privilege required.\n", __func__,
-              kLabelError);
-    return VDX_STATUS_PERMISSION;
-  }
-  if (is_docker_virtual_env) {
-    LOG_DEBUG("[%s] %s: current is docker virtual env, not support.\n", __func__, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
+  const vdxStatus allowed = iChangeAllowed(__func__, "update virtual device",
+                                           "current is docker virtual env, not support.");
+  if (allowed != VDX_STATUS_SUCCESS) return allowed;
   if (vdev_id > kMaxVirtualDevices - 1) {
     LOG_DEBUG("[%s] %s: The virtual device id exceeds the upper limit.\n", __func__, kLabelError);
     return VDX_STATUS_ERROR;

@@ -4,6 +4,8 @@
 // exclusively (the configuration may be reloaded); start and stop take it, then
 // bind_vdev_lock, both exclusively, then the file lock; GetDevBusyPercent takes only
 // bind_vdev_lock shared, in a container.
+#include <unistd.h>
+
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -180,6 +182,19 @@ bool Dmvirtual::iRefusedInContainer(const char* caller) const {
   LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n", caller,
             kLabelError);
   return true;
+}
+
+vdxStatus Dmvirtual::iChangeAllowed(const char* caller, const char* request,
+                                    const char* in_container) const {
+  if (geteuid() != 0) {
+    LOG_DEBUG("[%s] %s: %s failed, root privilege required.\n", caller, kLabelError, request);
+    return VDX_STATUS_PERMISSION;
+  }
+  if (is_docker_virtual_env) {
+    LOG_DEBUG("[%s] %s: %s\n", caller, kLabelError, in_container);
+    return VDX_STATUS_NOT_SUPPORTED;
+  }
+  return VDX_STATUS_SUCCESS;
 }
 
 bool Dmvirtual::iRefusedUnderMig(const char* caller) const {

@@ -312,18 +312,51 @@ TEST(Overcommitted, MemoryBeyondTheDevice) {
   ExpectOvercommitted(f);
 }
 
-// The order of the checks: privilege, then the container, then the arguments.
+// The order of the checks: privilege, then the container, then the arguments; each change
+// says which in its own words.
 TEST(CreateChecks, NotRootComesFirst) {
+  e2e::ShowDebugLines();
   ASSERT_EQ(vdxGetDeviceCount(nullptr), VDX_STATUS_INVALID_ARGUMENTS);  // started as root
   ASSERT_EQ(seteuid(65534), 0);
-  const vdxStatus status = Create(7, {}, {}, 0);
+  vdxStatus statuses[4];
+  const std::string out = Stdout([&statuses] {
+    statuses[0] = Create(7, {}, {}, 0);
+    statuses[1] = vdxDestroyVDevices(0);
+    statuses[2] = vdxDestroySingleVDevice(0);
+    statuses[3] = vdxUpdateSingleVDevice(0, 1, 1);
+  });
   ASSERT_EQ(seteuid(0), 0);
-  EXPECT_EQ(status, VDX_STATUS_PERMISSION);
+  for (vdxStatus status : statuses) EXPECT_EQ(status, VDX_STATUS_PERMISSION);
+  for (const char* line :
+       {"[CreateVirtualDevices] \033[31mError\033[0m: create virtual devices failed, root "
+        "privilege required.\n",
+        "[DestroyVirtualDevices] \033[31mError\033[0m: destroy virtual devices failed, root "
+        "privilege required.\n",
+        "[DestroyVirtualDevice] \033[31mError\033[0m: destroy virtual device failed, root "
+        "privilege required.\n",
+        "[UpdateVirtualDevice] \033[31mError\033[0m: update virtual device failed, root "
+        "privilege required.\n"})
+    EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
 }
 
 TEST(CreateChecks, AContainerComesBeforeTheArguments) {
   WriteVdev(1, VdevFile{}, true);
-  EXPECT_EQ(Create(7, {}, {}, 0), VDX_STATUS_NOT_SUPPORTED);
+  e2e::ShowDebugLines();
+  const std::string out = Stdout([] {
+    EXPECT_EQ(Create(7, {}, {}, 0), VDX_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(vdxDestroyVDevices(0), VDX_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(vdxDestroySingleVDevice(0), VDX_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(vdxUpdateSingleVDevice(0, 1, 1), VDX_STATUS_NOT_SUPPORTED);
+  });
+  for (const char* line :
+       {"[CreateVirtualDevices] \033[31mError\033[0m: current is docker env, not support.\n",
+        "[DestroyVirtualDevices] \033[31mError\033[0m: current process is running in docker "
+        "virtual env, not support.\n",
+        "[DestroyVirtualDevice] \033[31mError\033[0m: current process is running in docker "
+        "virtual env, not support.\n",
+        "[UpdateVirtualDevice] \033[31mError\033[0m: current is docker virtual env, not "
+        "support.\n"})
+    EXPECT_NE(out.find(line), std::string::npos) << line << "\n" << out;
   size_t cus = 0, bytes = 0;
   EXPECT_EQ(vdxGetDeviceRemainingInfo(-1, &cus, &bytes), VDX_STATUS_NOT_SUPPORTED);
 }

@@ -157,6 +157,10 @@ class Dmvirtual {
   // The refusals many entry points share: true (and the refusal logged under caller's name)
   // when this process runs inside a container, or when the devices are in MIG mode.
   bool iRefusedInContainer(const char* caller) const;
+  // The checks that open every change: root (19, "<request> failed, root privilege
+  // required."), then not in a container (6, the request's own text).
+  vdxStatus iChangeAllowed(const char* caller, const char* request,
+                           const char* in_container) const;
   bool iRefusedUnderMig(const char* caller) const;
   // The checks start and stop share, under their locks: a current configuration, the list,
   // no group, every id configured. *request: the set of ids asked for.

@@ -1,0 +1,61 @@
+// The frame every request that changes the configuration shares (create, both destroys,
+// update), after its own root, container and argument checks: virtual_device_lock and the
+// file lock shared, a current configuration, the plan, the raise to exclusive, the plan again
+// when another process changed the files meanwhile, the work, and the generation bumped so
+// that every process reads the change. Callers hold no lock; the frame takes both.
+#ifndef ZOVDX_VIRTUAL_CHANGE_FRAME_H_
+#define ZOVDX_VIRTUAL_CHANGE_FRAME_H_
+
+#include <mutex>
+#include <shared_mutex>
+
+#include "utils/logger.h"
+#include "virtual/dmvirtual_labels.h"
+#include "virtual/include/zovdx/vdx.h"
+#include "virtual/run_state.h"
+
+// reinit makes the configuration current under the shared lock, reload under the exclusive
+// one (saying whether the files changed); before_raise makes the plan, and runs again when
+// they did; a non-zero status of any of them ends the request. `plural` picks the request's
+// wording of the re-initialisation message.
+template <typename Reinit, typename Reload, typename BeforeRaise, typename Work>
+vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, const char* caller,
+                                 Reinit reinit, Reload reload, BeforeRaise before_raise,
+                                 Work work) {
+  std::unique_lock<std::shared_mutex> vdevs(vdev_lock);
+  ConfigLock file_lock(FileLocker::kShared);
+  vdxStatus status = reinit();
+  if (status != VDX_STATUS_SUCCESS) {
+    // The update's message says "devices", create's and the destroys' "device".
+    if (plural)
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
+    else
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
+    return status;
+  }
+  status = before_raise();
+  if (status != VDX_STATUS_SUCCESS) return status;
+  file_lock.Raise();
+  // Another process may have changed the files before the exclusive lock was had: the work is
+  // done on what is there now.
+  bool changed = false;
+  status = reload(&changed);
+  if (status != VDX_STATUS_SUCCESS) {
+    if (plural)
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
+    else
+      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
+    return status;
+  }
+  if (changed) {
+    status = before_raise();
+    if (status != VDX_STATUS_SUCCESS) return status;
+  }
+  status = work();
+  // Whatever the work changed, every process reads it again before it trusts its view.
+  BumpGeneration();
+  return status;
+}
+
+
+#endif  // ZOVDX_VIRTUAL_CHANGE_FRAME_H_
