@@ -113,67 +113,6 @@ Dmvirtual::~Dmvirtual() {
   }
 }
 
-void Dmvirtual::iRecordInstance(int device, int pipe) {
-  // One entry per device and pipe: an instance made again where an old one of ours was
-  // destroyed by another process replaces it, so the list never outgrows the pipes.
-  created_vxcus.remove(std::make_pair(device, pipe));
-  created_vxcus.emplace_back(device, pipe);
-  if (geteuid() == 0 && !SetInstanceOwner(device, pipe)) {
-    LOG_DEBUG("[%s] %s: failed to record the owner of the instance on device(%d), pipe(%d) in "
-              "%s.\n",
-              __func__, kLabelWarning, device, pipe, kInstanceOwnersFile);
-  }
-}
-
-void Dmvirtual::iForgetInstance(int device, int pipe) {
-  created_vxcus.remove(std::make_pair(device, pipe));
-  if (geteuid() == 0 && !ForgetInstanceOwner(device, pipe)) {
-    LOG_DEBUG("[%s] %s: failed to forget the owner of the instance on device(%d), pipe(%d) in "
-              "%s.\n",
-              __func__, kLabelWarning, device, pipe, kInstanceOwnersFile);
-  }
-}
-
-void Dmvirtual::iDestroyOwnInstancesAtExit() {
-  // The driver cannot tell whose an instance is (every host process is owner 0, and a new
-  // instance on the same device and pipe looks like the old one): the host's record can. Root
-  // destroys what the record says it made; a process that may not take the lock destroys only
-  // what the record gives to nobody, since every instance a root process made is in it.
-  std::optional<ConfigLock> lock;
-  try {
-    lock.emplace(FileLocker::kExclusive);
-  } catch (const std::exception& e) {
-    LOG_DEBUG("[%s] %s: failed to lock the record of instances, none is destroyed. Due to %s\n",
-              __func__, kLabelError, e.what());
-    return;
-  }
-  const ProcessIdentity self = SelfIdentity();
-  std::vector<InstanceOwner> record = ReadInstanceOwners();
-  const size_t recorded = record.size();
-  for (const std::pair<int, int>& instance : created_vxcus) {
-    const std::optional<ProcessIdentity> owner =
-        InstanceOwnerOf(record, instance.first, instance.second);
-    const bool ours = lock->held() ? owner.has_value() && *owner == self : !owner.has_value();
-    if (!ours) {
-      LOG_DEBUG("[%s] The instance on device(%d), pipe(%d) is no longer this process's, left "
-                "alone.\n",
-                __func__, instance.first, instance.second);
-      continue;
-    }
-    if (dmkfdDestroyVdev(static_cast<uint32_t>(instance.first),
-                         static_cast<uint32_t>(instance.second)) != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: destroy virtual device failed, device(%d), pipe(%d).\n", __func__,
-                kLabelError, instance.first, instance.second);
-    }
-    record.erase(std::remove_if(record.begin(), record.end(),
-                                [&](const InstanceOwner& e) {
-                                  return e.device == instance.first && e.pipe == instance.second;
-                                }),
-                 record.end());
-  }
-  if (lock->held() && record.size() != recorded) WriteInstanceOwners(record);
-}
-
 vdxStatus Dmvirtual::Init() {
   SetLogLevel("info");
   dmvirtual_pid = getpid();

@@ -1,8 +1,8 @@
 // Creating virtual devices: the request, its plan (how the remaining units, memory and pipes
-// of one physical device are split), the allocation of ids, pipes and units with the files
-// that record them, and iCreateVdev, which makes the driver instance of a configured virtual
-// device when it is started. The request takes virtual_device_lock exclusively and the file
-// lock (shared while planning, exclusive while writing); the i-methods run under them.
+// of one physical device are split), and the allocation of ids, pipes and units with the
+// files that record them. The request runs in the change frame (change_frame.h):
+// virtual_device_lock exclusively and the file lock, shared while planning and exclusive
+// while writing; the i-methods run under them. Driver instances are dmvirtual_instance.cpp's.
 #include <unistd.h>
 
 #include <cstring>
@@ -225,44 +225,3 @@ vdxStatus Dmvirtual::iAllocateVdevId(int* vdev_id) {
   return VDX_STATUS_SUCCESS;
 }
 
-vdxStatus Dmvirtual::iCreateVdev(int vdev_id) {
-  virtual_device_info vdev;
-  if (iGetVirtualDeviceById(vdev_id, &vdev) != VDX_STATUS_SUCCESS) return VDX_STATUS_VDEV_NOT_EXIST;
-  uint32_t words[kCuMaskWord32Count];
-  CuMaskToWords32(vdev.cuMask, words);
-  const uint64_t limit = MibToBytes(vdev.memLimit);
-  const uint32_t device = static_cast<uint32_t>(vdev.device_id);
-  const uint32_t pipe = static_cast<uint32_t>(vdev.pipe_id);
-
-  dmkfdVdevInfo instance;
-  if (dmkfdQueryVdevInfo(device, pipe, &instance) != VDX_STATUS_SUCCESS || !instance.isExist) {
-    if (dmkfdCreateVdev(device, static_cast<uint32_t>(vdev.vdev_id), pipe, docker_id, limit, 128,
-                        words) != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: create virtual device(%d) on physical device(%d) via dmkfd failed.\n",
-                __func__, kLabelError, vdev_id, vdev.device_id);
-      return VDX_STATUS_ERROR;
-    }
-    // Made by this process: destroyed again at its exit unless stopped (or replaced) before.
-    iRecordInstance(vdev.device_id, vdev.pipe_id);
-    LOG_DEBUG("[%s] Created virtual device(%d) on physical device(%d), pipe(%d), created virtual "
-              "devices(%llu).\n",
-              __func__, vdev_id, vdev.device_id, vdev.pipe_id,
-              static_cast<unsigned long long>(created_vxcus.size()));
-    return VDX_STATUS_SUCCESS;
-  }
-  if (instance.vram_limit != limit) {
-    LOG_DEBUG("[%s] %s: create virtual device(%d) on physical device(%d) via dmkfd failed, "
-              "already exist with different vram limit.\n",
-              __func__, kLabelError, vdev_id, vdev.device_id);
-    return VDX_STATUS_ERROR;
-  }
-  if (memcmp(instance.cu_mask, words, sizeof(words)) == 0) {
-    LOG_DEBUG("[%s] Virtual device(%d) on physical device(%d), pipe(%d) was already created.\n",
-              __func__, vdev_id, vdev.device_id, vdev.pipe_id);
-    return VDX_STATUS_SUCCESS;
-  }
-  LOG_DEBUG("[%s] %s: create virtual device(%d) on physical device(%d) via dmkfd failed, already "
-            "exist with different cu mask.\n",
-            __func__, kLabelError, vdev_id, vdev.device_id);
-  return VDX_STATUS_ERROR;
-}

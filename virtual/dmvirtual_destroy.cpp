@@ -1,8 +1,8 @@
 // Destroying and updating virtual devices: the requests (one device, all of one physical
-// device, an update in place), the release of the container groups and driver instances that
-// hold a virtual device, and iDestroyVdev, the plain teardown that stop uses. The requests
-// take virtual_device_lock exclusively and the file lock (shared, then exclusive before any
-// change); the i-methods run under them.
+// device, an update in place) and the release of the container groups and driver instances
+// that hold a virtual device. The requests run in the change frame (change_frame.h):
+// virtual_device_lock exclusively and the file lock, shared, then exclusive before any change;
+// the i-methods run under them. Driver instances are dmvirtual_instance.cpp's.
 #include <unistd.h>
 
 #include <algorithm>
@@ -217,30 +217,6 @@ vdxStatus Dmvirtual::iDestroyVirtualDevice(int vdev_id) {
     return VDX_STATUS_ERROR;
   }
   iReleaseVirtualDevice(vdev_id);
-  return VDX_STATUS_SUCCESS;
-}
-
-vdxStatus Dmvirtual::iDestroyVdev(int vdev_id) {
-  virtual_device_info vdev;
-  if (iGetVirtualDeviceById(vdev_id, &vdev) != VDX_STATUS_SUCCESS) return VDX_STATUS_VDEV_NOT_EXIST;
-  const uint32_t device = static_cast<uint32_t>(vdev.device_id);
-  const uint32_t pipe = static_cast<uint32_t>(vdev.pipe_id);
-  dmkfdVdevInfo instance;
-  if (dmkfdQueryVdevInfo(device, pipe, &instance) != VDX_STATUS_SUCCESS) {
-    LOG_DEBUG("[%s] Virtual device(%d) on physical device(%d), pipe(%d) was already destroyed.\n",
-              __func__, vdev_id, vdev.device_id, vdev.pipe_id);
-    return VDX_STATUS_SUCCESS;
-  }
-  if (dmkfdDestroyVdev(device, pipe) != VDX_STATUS_SUCCESS) {
-    LOG_DEBUG("[%s] %s: destroy virtual device(%d) on physical device(%d) via dmkfd failed.\n",
-              __func__, kLabelError, vdev_id, vdev.device_id);
-    return VDX_STATUS_ERROR;
-  }
-  iForgetInstance(vdev.device_id, vdev.pipe_id);
-  LOG_DEBUG("[%s] Destroyed virtual device(%d) on physical device(%d), pipe(%d), created virtual "
-            "devices(%llu).\n",
-            __func__, vdev_id, vdev.device_id, vdev.pipe_id,
-            static_cast<unsigned long long>(created_vxcus.size()));
   return VDX_STATUS_SUCCESS;
 }
 

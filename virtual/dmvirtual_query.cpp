@@ -1,9 +1,8 @@
-// The host's view of configured virtual devices (their count and information), starting and
-// stopping them (their driver instances, and the calling process's binding), and the busy
-// percentages of a device and of a started virtual device. Queries take virtual_device_lock
-// exclusively (the configuration may be reloaded); start and stop take it, then
-// bind_vdev_lock, both exclusively, then the file lock; GetDevBusyPercent takes only
-// bind_vdev_lock shared, in a container.
+// The host's view of configured virtual devices (their count and information), the busy
+// percentages of a device and of a started virtual device, and the refusals that open
+// requests (in a container, under MIG, without root). Queries take virtual_device_lock
+// exclusively (the configuration may be reloaded); GetDevBusyPercent takes only
+// bind_vdev_lock shared, in a container. Start and stop are dmvirtual_instance.cpp's.
 #include <unistd.h>
 
 #include <algorithm>
@@ -145,38 +144,6 @@ vdxStatus Dmvirtual::GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info) {
   }
 }
 
-vdxStatus Dmvirtual::iStartStopFrame(const char* caller, int* vdev_ids, int count,
-                                      uint32_t* request) {
-  if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
-    LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
-    return VDX_STATUS_ERROR;
-  }
-  if (vdev_ids == nullptr || count < 1) return VDX_STATUS_INVALID_ARGUMENTS;
-  if (static_cast<size_t>(count) > virtual_device_lists.size()) {
-    LOG_DEBUG("[%s] %s: input virtual device count(%d) exceeds the actual(%u).\n", caller,
-              kLabelError, count, static_cast<unsigned>(virtual_device_lists.size()));
-    return VDX_STATUS_INVALID_ARGUMENTS;
-  }
-  iInitSysGroup();
-  if (iAnySysGroup()) {
-    LOG_DEBUG("[%s] %s: the virtual group mode and virtual device mode cannot exist at the same "
-              "time.\n",
-              caller, kLabelError);
-    return VDX_STATUS_NOT_SUPPORTED;
-  }
-  // Nothing is done unless every id is configured; duplicates collapse.
-  *request = 0;
-  for (int i = 0; i < count; ++i) {
-    // An id outside 0..31 is not configured: it never stands for another id.
-    if (vdev_ids[i] < 0 || vdev_ids[i] >= kMaxVirtualDevices || (vdev_bitmap & IdBit(vdev_ids[i]))) {
-      LOG_DEBUG("[%s] Virtual device(%d) not exist.\n", caller, vdev_ids[i]);
-      return VDX_STATUS_VDEV_NOT_EXIST;
-    }
-    *request |= IdBit(vdev_ids[i]);
-  }
-  return VDX_STATUS_SUCCESS;
-}
-
 bool Dmvirtual::iRefusedInContainer(const char* caller) const {
   if (!is_docker_virtual_env) return false;
   LOG_DEBUG("[%s] %s: current process is running in docker virtual env, not support.\n", caller,
@@ -202,61 +169,6 @@ bool Dmvirtual::iRefusedUnderMig(const char* caller) const {
   LOG_DEBUG("[%s] %s: mig mode has been enabled, which is not compatible with virtual.\n", caller,
             kLabelError);
   return true;
-}
-
-vdxStatus Dmvirtual::StartVirtualDevice(int* vdev_ids, int count) {
-  return iStartOrStop(true, __func__, vdev_ids, count);
-}
-
-vdxStatus Dmvirtual::StopVirtualDevice(int* vdev_ids, int count) {
-  return iStartOrStop(false, __func__, vdev_ids, count);
-}
-
-vdxStatus Dmvirtual::iStartOrStop(bool start, const char* caller, int* vdev_ids, int count) {
-  if (iRefusedInContainer(caller)) return VDX_STATUS_NOT_SUPPORTED;
-  if (iRefusedUnderMig(caller)) return VDX_STATUS_NOT_SUPPORTED;
-  try {
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
-    ConfigLock file_lock(FileLocker::kShared);
-    uint32_t request = 0;
-    vdxStatus status = iStartStopFrame(caller, vdev_ids, count, &request);
-    if (status != VDX_STATUS_SUCCESS) return status;
-    if (file_lock.held()) {
-      // The record of who made which instance changes only under the exclusive lock. The
-      // raise is not atomic: the checks are made again on what is there now.
-      file_lock.Raise();
-      status = iStartStopFrame(caller, vdev_ids, count, &request);
-      if (status != VDX_STATUS_SUCCESS) return status;
-    }
-    // Ascending ids, whatever the order asked for; the first failure ends the request and
-    // keeps what was done before it.
-    for (int id = 0; id < kMaxVirtualDevices; ++id) {
-      if (!(request & IdBit(id))) continue;
-      if (start && iCreateVdev(id) != VDX_STATUS_SUCCESS) {
-        LOG_DEBUG("[%s] %s: create virtual device(%d) failed via dmkfd.\n", caller, kLabelError,
-                  id);
-        return VDX_STATUS_ERROR;
-      }
-      if (!start && iDestroyVdev(id) != VDX_STATUS_SUCCESS) {
-        LOG_DEBUG("[%s] %s: destroy virtual device(%d) failed via dmkfd.\n", caller, kLabelError,
-                  id);
-        return VDX_STATUS_ERROR;
-      }
-    }
-    if (start) {
-      iSetRunVirtualDevice(request);
-      iGetRunVirtualDevice();
-    } else {
-      iReleaseRunVirtualDevice();
-    }
-    return VDX_STATUS_SUCCESS;
-  } catch (const std::exception& e) {
-    // Stop reports with the start request's text, as the tools that match on it expect.
-    LOG_DEBUG("[%s] %s: failed to start virtual devices. Due to %s\n", caller, kLabelError,
-              e.what());
-    return VDX_STATUS_ERROR;
-  }
 }
 
 vdxStatus Dmvirtual::GetDevBusyPercent(int index, int* percent) {
