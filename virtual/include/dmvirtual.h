@@ -7,14 +7,20 @@
 // virtual_device_lock (guards virtual_device_lists, vdev_bitmap, virtual_mtime and the rest of
 // the view's freshness), then bind_vdev_lock (guards bind_vdev_lists), then the inter-process
 // lock (ConfigLock, virtual/run_state.h), which only root holds.
+// The gate mutex (vdx_virtual.cpp) serialises every call of a manager method but the
+// encryption pair, which touches no member: it is what guards the members that no lock of
+// their own covers (below, next to each member), and why the busy query may refresh the
+// group list before it takes virtual_device_lock.
 // Methods whose name starts with "i" expect their caller to hold what their comment says.
 // Every message of the manager is written at debug level.
 //
 // The methods are defined by concern: dmvirtual.cpp (start-up and lifetime),
-// dmvirtual_config.cpp (configuration files), dmvirtual_accounting.cpp (physical devices and
-// what is left of them), dmvirtual_create.cpp (creation), dmvirtual_destroy.cpp (destroy and
-// update), dmvirtual_query.cpp (queries, start/stop, busy percentages), dmvirtual_bind.cpp
-// (process binding), dmvirtual_encrypt.cpp (encryption flag).
+// dmvirtual_config.cpp (configuration files; their text is vdev_file.cpp's),
+// dmvirtual_accounting.cpp (physical devices and what is left of them), dmvirtual_create.cpp
+// (creation), dmvirtual_destroy.cpp (destroy and update), change_frame.h (the frame every
+// change runs in), dmvirtual_instance.cpp (driver instances: start, stop, the instances this
+// process made and their teardown at exit), dmvirtual_query.cpp (queries, busy percentages,
+// refusals), dmvirtual_bind.cpp (process binding), dmvirtual_encrypt.cpp (encryption flag).
 #ifndef ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
 #define ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
 
@@ -216,19 +222,23 @@ class Dmvirtual {
                                 bool updating);
   vdxStatus iUpdateVirtualDevice(int vdev_id, int cu, int mem);
 
+  // Set by Init (once, under the gate's once flag), read only afterwards.
   std::vector<Device*> device_lists;  // owned; index = device id
   uint64_t docker_id = 0;
-  std::vector<sys_group_info> group_lists;
-  std::vector<virtual_device_info> virtual_device_lists;
-  std::shared_mutex virtual_device_lock;
-  uint32_t vdev_bitmap = 0;  // bit i set: id i is free
-  std::vector<virtual_device_info> bind_vdev_lists;
-  std::shared_mutex bind_vdev_lock;
-  std::list<std::pair<int, int>> created_vxcus;  // (device id, pipe id) made here
-  dmRunMode mode = DM_PROCESS_NONE_MODE;
   SystemMode system_mode = SYSTEM_MODE_NONE;
   bool is_docker_virtual_env = false;
   pid_t dmvirtual_pid = -1;
+
+  // Guarded by the gate mutex: refreshed from the driver by whichever method needs it.
+  std::vector<sys_group_info> group_lists;
+  // Guarded by the gate mutex; start and stop also hold both manager locks when they change
+  // it, and the destructor runs at exit, when no call is left.
+  std::list<std::pair<int, int>> created_vxcus;  // (device id, pipe id) made here
+
+  std::shared_mutex virtual_device_lock;
+  // Guarded by virtual_device_lock (exclusive to change, shared to read).
+  std::vector<virtual_device_info> virtual_device_lists;
+  uint32_t vdev_bitmap = 0;  // bit i set: id i is free
   time_t virtual_mtime = 0;
   long virtual_mtime_nsec = 0;  // changes within one second are changes too
   // The generation (run_state.h) that the view was loaded at; a query trusts the view only
@@ -237,6 +247,11 @@ class Dmvirtual {
   // The view was loaded within one clock tick of the directory's time stamp: a change made
   // in the same tick would not move the stamp, so the next query loads it again.
   bool view_racy = false;
+
+  std::shared_mutex bind_vdev_lock;
+  // Guarded by bind_vdev_lock (taken after virtual_device_lock when both are needed).
+  std::vector<virtual_device_info> bind_vdev_lists;
+  dmRunMode mode = DM_PROCESS_NONE_MODE;
 };
 
 #endif  // ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
