@@ -114,7 +114,7 @@ class Watch:
         except Exception:  # the stream ended: cancelled, or the plugin went away
             self.lists.put(None)
 
-    def until(self, predicate, timeout=3.0):
+    def until(self, predicate, timeout=5.0):
         """The first list (from now on) for which predicate holds, and the seconds it took;
         (the last list seen, None) when none came in time."""
         start = time.monotonic()

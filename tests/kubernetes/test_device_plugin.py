@@ -169,8 +169,9 @@ def test_a_kubelet_restart_is_met_with_a_new_registration(vdxd, kubelet, start_p
     assert len(registrations) == 2
     assert registrations[1][2], "served again before registering again"
     watch = Watch(kubelet.plugin(SINGLE))
-    devices, _ = watch.until(lambda d: len(d) == 2)
-    assert devices == {"vdev0": "Healthy", "vdev1": "Healthy"}
+    healthy = {"vdev0": "Healthy", "vdev1": "Healthy"}
+    devices, _ = watch.until(lambda d: d == healthy, timeout=5)
+    assert devices == healthy
     watch.close()
 
 
