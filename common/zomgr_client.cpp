@@ -13,6 +13,7 @@
 
 #include "mkfd/include/dmkfd.h"
 #include "utils/logger.h"
+#include "utils/scoped.h"
 
 // A failure goes to the error level when the caller wants it seen, else to debug level
 // behind a "DEBUG: " fragment.
@@ -145,7 +146,8 @@ int SendCommandInternal(CommandType type, char* data, int size, int socket_fd,
   // A negative size carries no payload; it must never shrink the frame below its header.
   const size_t payload = size > 0 ? static_cast<size_t>(size) : 0;
   const size_t frame_size = kHeaderSize + payload;
-  Command* frame = static_cast<Command*>(calloc(1, frame_size));
+  utils::MallocHandle<Command> holder(static_cast<Command*>(calloc(1, frame_size)));
+  Command* frame = holder.get();
   if (frame == nullptr) {
     ZOMGR_REPORT(print_error, "Malloc command failed, size: %d\n", static_cast<int>(frame_size));
     return -1;
@@ -169,10 +171,8 @@ int SendCommandInternal(CommandType type, char* data, int size, int socket_fd,
   if (sent < 0) {
     const int err = errno;
     ZOMGR_REPORT(print_error, "Send command failed: %s\n", strerror(err));
-    free(frame);
     return -1;
   }
-  free(frame);
   return 0;
 }
 
@@ -197,7 +197,7 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
   size_t limit = sizeof(staging);
   size_t fill = 0;
   size_t frame_size = 0;
-  Command* frame = nullptr;
+  utils::MallocHandle<Command> frame;  // once the header has told its size
   for (;;) {
     // A service that falls silent ends the wait, not the caller.
     struct pollfd ready = {socket_fd, POLLIN, 0};
@@ -206,7 +206,6 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
     if (polled <= 0) {
       const int err = polled == 0 ? ETIMEDOUT : errno;
       ZOMGR_REPORT(print_error, "Revice command failed: %s\n", strerror(err));
-      free(frame);
       return -1;
     }
     const ssize_t n = recv(socket_fd, buffer + fill, limit - fill, MSG_DONTWAIT);
@@ -214,12 +213,10 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
       if (errno == EINTR || errno == EAGAIN) continue;
       const int err = errno;
       ZOMGR_REPORT(print_error, "Revice command failed: %s\n", strerror(err));
-      free(frame);
       return -1;
     }
     if (n == 0) {
       ZOMGR_REPORT(print_error, "Server is disconnect, please check server\n");
-      free(frame);
       return -1;
     }
     fill += static_cast<size_t>(n);
@@ -237,13 +234,13 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
         ZOMGR_REPORT(print_error, "The command did not read complete\n");
         return -1;
       }
-      frame = static_cast<Command*>(calloc(1, frame_size));
+      frame.reset(static_cast<Command*>(calloc(1, frame_size)));
       if (frame == nullptr) {
         ZOMGR_REPORT(print_error, "Malloc buffer failed, size: %d\n", static_cast<int>(frame_size));
         return -1;
       }
-      memcpy(frame, staging, fill);
-      buffer = reinterpret_cast<char*>(frame);
+      memcpy(frame.get(), staging, fill);
+      buffer = reinterpret_cast<char*>(frame.get());
       limit = frame_size;
     }
     if (fill >= frame_size) break;
@@ -251,7 +248,6 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
 
   if (frame->cmd_type == CTYPE_INVALID_COMMAND) {
     ZOMGR_REPORT(print_error, "Revice a invalid command\n");
-    free(frame);
     return -1;
   }
   if (frame->cmd_type == CTYPE_ERROR_COMMAND) {
@@ -262,10 +258,9 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
     ZOMGR_REPORT(print_error, "%s\n", GetZomgrErrorString(status));
     // A failed VBIOS start needs the user's attention whatever the caller asked for.
     if (status == SRV_STATUS_VBIOS_INIT_ERROR) LOG_ERROR("%s\n", "VBIOS init failed");
-    free(frame);
     return -1;
   }
-  *cmd = frame;
+  *cmd = frame.release();  // the caller frees it
   return 0;
 }
 

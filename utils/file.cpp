@@ -97,14 +97,14 @@ bool WriteTextFile(const std::string& directory, const std::string& fileName,
   if (directory.empty() || fileName.empty()) return false;
   if (!CreateDirectory(directory)) return false;
   const std::string path = directory + "/" + fileName;
-  FILE* fp = fopen(path.c_str(), append ? "a+e" : "we");
-  if (fp == nullptr) return false;
-  // A short write, a failed flush or a failed sync all mean the file is not what the
-  // caller asked for: say so instead of reporting success.
-  bool ok = fwrite(content.data(), 1, content.size(), fp) == content.size();
-  ok = fflush(fp) == 0 && ok;
-  ok = fsync(fileno(fp)) == 0 && ok;
-  ok = fclose(fp) == 0 && ok;
+  utils::FileHandle file(fopen(path.c_str(), append ? "a+e" : "we"));
+  if (!file) return false;
+  // A short write, a failed flush, a failed sync or a failed close all mean the file is not
+  // what the caller asked for: say so instead of reporting success.
+  bool ok = fwrite(content.data(), 1, content.size(), file.get()) == content.size();
+  ok = fflush(file.get()) == 0 && ok;
+  ok = fsync(fileno(file.get())) == 0 && ok;
+  ok = fclose(file.release()) == 0 && ok;
   return ok;
 }
 

@@ -1,5 +1,6 @@
-// Scoped owners of the operating system's handles: a descriptor, a DIR* and a FILE* each
-// released on every way out of the scope that opened it, exceptions included.
+// Scoped owners of the operating system's handles and of malloc'd buffers: a descriptor, a
+// DIR*, a FILE* and a buffer each released on every way out of the scope that made it,
+// exceptions included.
 #ifndef ZOVDX_UTILS_SCOPED_H_
 #define ZOVDX_UTILS_SCOPED_H_
 
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 namespace utils {
@@ -20,6 +22,13 @@ struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
 };
 using FileHandle = std::unique_ptr<FILE, FileCloser>;
+
+// A buffer from malloc or calloc (the frames of the service protocol, for instance).
+struct FreeDeleter {
+  void operator()(void* buffer) const { free(buffer); }
+};
+template <typename T>
+using MallocHandle = std::unique_ptr<T, FreeDeleter>;
 
 // Owns a descriptor; a negative value owns nothing.
 class FdHandle {
