@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "utils/logger.h"
+#include "utils/scoped.h"
 #include "virtual/dmvirtual_labels.h"
 
 namespace {
@@ -62,14 +63,13 @@ void ConfigLock::Unlock() {
 
 std::string ReadGeneration() {
   // Every query reads it: one open, one read, one close.
-  const int fd = open(kGenerationFile, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return "";
+  const utils::FdHandle fd(open(kGenerationFile, O_RDONLY | O_CLOEXEC));
+  if (fd.get() < 0) return "";
   char text[128];
   ssize_t n;
   do {
-    n = read(fd, text, sizeof(text));
+    n = read(fd.get(), text, sizeof(text));
   } while (n < 0 && errno == EINTR);
-  close(fd);
   return n > 0 ? std::string(text, static_cast<size_t>(n)) : std::string();
 }
 
