@@ -22,17 +22,18 @@ template <typename Reinit, typename Reload, typename BeforeRaise, typename Work>
 vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, const char* caller,
                                  Reinit reinit, Reload reload, BeforeRaise before_raise,
                                  Work work) {
-  std::unique_lock<std::shared_mutex> vdevs(vdev_lock);
-  ConfigLock file_lock(FileLocker::kShared);
-  vdxStatus status = reinit();
-  if (status != VDX_STATUS_SUCCESS) {
-    // The update's message says "devices", create's and the destroys' "device".
+  // The update's message says "devices", create's and the destroys' "device".
+  const auto reinit_failed = [plural, caller](vdxStatus status) {
     if (plural)
       LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
     else
       LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
     return status;
-  }
+  };
+  std::unique_lock<std::shared_mutex> vdevs(vdev_lock);
+  ConfigLock file_lock(FileLocker::kShared);
+  vdxStatus status = reinit();
+  if (status != VDX_STATUS_SUCCESS) return reinit_failed(status);
   status = before_raise();
   if (status != VDX_STATUS_SUCCESS) return status;
   file_lock.Raise();
@@ -40,13 +41,7 @@ vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, cons
   // done on what is there now.
   bool changed = false;
   status = reload(&changed);
-  if (status != VDX_STATUS_SUCCESS) {
-    if (plural)
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual devices failed.\n", caller, kLabelError);
-    else
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
-    return status;
-  }
+  if (status != VDX_STATUS_SUCCESS) return reinit_failed(status);
   if (changed) {
     status = before_raise();
     if (status != VDX_STATUS_SUCCESS) return status;
@@ -56,6 +51,5 @@ vdxStatus UnderExclusiveFileLock(std::shared_mutex& vdev_lock, bool plural, cons
   BumpGeneration();
   return status;
 }
-
 
 #endif  // ZOVDX_VIRTUAL_CHANGE_FRAME_H_
