@@ -112,8 +112,8 @@ def test_allocate_hands_out_names_the_runtime_resolves(vdxd, kubelet, start_plug
     assert all(not r.mounts and not r.devices for r in answer.container_responses)
     # Every name resolves in the CDI file the plugin keeps.
     with open(tmp_path / "cdi" / "zovdx-device-plugin.json") as f:
-        spec = json.load(f)
-    defined = {f"{spec['kind']}={d['name']}" for d in spec["devices"]}
+        cdi_file = json.load(f)
+    defined = {f"{cdi_file['kind']}={d['name']}" for d in cdi_file["devices"]}
     assert {n for container in names for n in container} <= defined
 
     for containers, says in (([["vdev0", "vdev2"]], "cannot be given to a container together"),

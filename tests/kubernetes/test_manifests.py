@@ -15,15 +15,15 @@ def load(name):
 def test_the_daemonset_carries_the_node_paths_and_namespaces():
     daemonset = load("daemonset.yaml")
     assert (daemonset["apiVersion"], daemonset["kind"]) == ("apps/v1", "DaemonSet")
-    spec = daemonset["spec"]["template"]["spec"]
-    assert spec["hostNetwork"] is True, "the host manager service lives in the host's network"
-    assert spec["nodeSelector"] == {"zovdx.dev/accelerator": "true"}
-    assert daemonset["spec"]["selector"]["matchLabels"].items() <= \
-        daemonset["spec"]["template"]["metadata"]["labels"].items()
-    host_paths = {v["name"]: v["hostPath"]["path"] for v in spec["volumes"]}
+    pod = daemonset["spec"]["template"]["spec"]
+    assert pod["hostNetwork"] is True, "the host manager service lives in the host's network"
+    assert pod["nodeSelector"] == {"zovdx.dev/accelerator": "true"}
+    selector = daemonset["spec"]["selector"]["matchLabels"]
+    assert selector.items() <= daemonset["spec"]["template"]["metadata"]["labels"].items()
+    host_paths = {v["name"]: v["hostPath"]["path"] for v in pod["volumes"]}
     assert set(host_paths.values()) >= {"/etc/vdev", "/dev/mkfd", "/var/lib/kubelet/device-plugins",
                                          "/var/lib/kubelet/pod-resources", "/var/run/cdi"}
-    containers = {c["name"]: c for c in spec["containers"]}
+    containers = {c["name"]: c for c in pod["containers"]}
     assert set(containers) == {"vdxd", "device-plugin"}
     for container in containers.values():
         assert {"name": "VDX_RUNTIME_ENV_OVERRIDE", "value": "bare-metal"} in container["env"]

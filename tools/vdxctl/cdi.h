@@ -33,7 +33,7 @@ nlohmann::json CdiSpec(const std::vector<CdiVdev>& vdevs);
 // Older engines read only the versions they know, so no file claims more than it needs.
 std::string MinimumCdiVersion(const nlohmann::json& spec);
 
-// The CDI specifications in the engines' directories (/etc/cdi, /var/run/cdi) that hand the
+// The CDI files in the engines' directories (/etc/cdi, /var/run/cdi) that hand the
 // configuration file of virtual device `id` to containers. A container holds that file as
 // it was when it started (a bind mount keeps the replaced file), so a change reaches only
 // the containers started after it.
