@@ -12,6 +12,7 @@
 #include "common/zomgr_client.h"
 #include "utils/file.h"
 #include "utils/logger.h"
+#include "utils/utils.h"
 
 namespace {
 
@@ -166,7 +167,7 @@ bool CheckContainerEnvByKWorker(bool& in_container, std::string* container_id) {
   if (!listed) {
     const int err = errno;
     LOG_DEBUG("[%s] Check container environment by kernel worker thread failed, errno(%d:%s)\n",
-              __func__, err, strerror(err));
+              __func__, err, ErrnoMessage(err).c_str());
     return false;
   }
   if (found) {

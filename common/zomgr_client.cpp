@@ -14,6 +14,7 @@
 #include "mkfd/include/dmkfd.h"
 #include "utils/logger.h"
 #include "utils/scoped.h"
+#include "utils/utils.h"
 
 // A failure goes to the error level when the caller wants it seen, else to debug level
 // behind a "DEBUG: " fragment.
@@ -55,7 +56,7 @@ int ConnectServerInternal(int* socket_fd, bool print_error, bool /*is_docker*/,
   if (*socket_fd < 0) {
     const int err = errno;
     *socket_fd = -1;
-    ZOMGR_REPORT(print_error, "Create socket failed: %s\n", strerror(err));
+    ZOMGR_REPORT(print_error, "Create socket failed: %s\n", ErrnoMessage(err).c_str());
     return -1;
   }
 
@@ -77,7 +78,7 @@ int ConnectServerInternal(int* socket_fd, bool print_error, bool /*is_docker*/,
   } while (rc != 0 && errno == EINTR);
   if (rc != 0) {
     const int err = errno;
-    ZOMGR_REPORT(print_error, "Connect service failed: %s\n", strerror(err));
+    ZOMGR_REPORT(print_error, "Connect service failed: %s\n", ErrnoMessage(err).c_str());
     close(*socket_fd);
     *socket_fd = -1;
     return -1;
@@ -88,7 +89,7 @@ int ConnectServerInternal(int* socket_fd, bool print_error, bool /*is_docker*/,
   socklen_t peer_length = sizeof(peer);
   if (getsockopt(*socket_fd, SOL_SOCKET, SO_PEERCRED, &peer, &peer_length) != 0 ||
       peer.uid != 0) {
-    ZOMGR_REPORT(print_error, "Connect service failed: %s\n", strerror(EPERM));
+    ZOMGR_REPORT(print_error, "Connect service failed: %s\n", ErrnoMessage(EPERM).c_str());
     close(*socket_fd);
     *socket_fd = -1;
     return -1;
@@ -114,7 +115,7 @@ bool GetSocketByDriver(int* socket_fd) {
   dmkfdCloseMkfd();
   dmkfdShutDown();
   if (connected != VDX_STATUS_SUCCESS) {
-    LOG_DEBUG("Connect service failed: %s\n", strerror(err));
+    LOG_DEBUG("Connect service failed: %s\n", ErrnoMessage(err).c_str());
     return false;
   }
   return true;
@@ -170,7 +171,7 @@ int SendCommandInternal(CommandType type, char* data, int size, int socket_fd,
   } while (sent < 0 && errno == EINTR);
   if (sent < 0) {
     const int err = errno;
-    ZOMGR_REPORT(print_error, "Send command failed: %s\n", strerror(err));
+    ZOMGR_REPORT(print_error, "Send command failed: %s\n", ErrnoMessage(err).c_str());
     return -1;
   }
   return 0;
@@ -205,14 +206,14 @@ int RecvCommandInternal(Command** cmd, int socket_fd, bool print_error) {
     if (polled < 0 && errno == EINTR) continue;
     if (polled <= 0) {
       const int err = polled == 0 ? ETIMEDOUT : errno;
-      ZOMGR_REPORT(print_error, "Revice command failed: %s\n", strerror(err));
+      ZOMGR_REPORT(print_error, "Revice command failed: %s\n", ErrnoMessage(err).c_str());
       return -1;
     }
     const ssize_t n = recv(socket_fd, buffer + fill, limit - fill, MSG_DONTWAIT);
     if (n < 0) {
       if (errno == EINTR || errno == EAGAIN) continue;
       const int err = errno;
-      ZOMGR_REPORT(print_error, "Revice command failed: %s\n", strerror(err));
+      ZOMGR_REPORT(print_error, "Revice command failed: %s\n", ErrnoMessage(err).c_str());
       return -1;
     }
     if (n == 0) {

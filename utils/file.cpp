@@ -22,7 +22,7 @@ namespace {
 constexpr const char kRedInvalid[] = "\033[31minvalid\033[0m";
 constexpr const char kRedError[] = "\033[31merror\033[0m";
 
-std::string ErrnoText(int err) { return std::to_string(err) + ":" + strerror(err); }
+std::string ErrnoText(int err) { return std::to_string(err) + ":" + ErrnoMessage(err); }
 
 bool IsValidLockType(int lockType) {
   return lockType == FileLocker::kShared || lockType == FileLocker::kExclusive;
@@ -47,7 +47,7 @@ bool IsFileExist(const std::string& path) {
 }
 
 bool IsDirectoryExist(const std::string& path) {
-  if (path.empty()) return false;
+  if (path.empty()) return errno = ENOENT, false;
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
@@ -94,23 +94,30 @@ bool CreateDirectoryWithMode(const std::string& path, mode_t mode) {
 
 bool WriteTextFile(const std::string& directory, const std::string& fileName,
                    const std::string& content, bool append) {
-  if (directory.empty() || fileName.empty()) return false;
+  if (directory.empty() || fileName.empty()) return errno = EINVAL, false;
   if (!CreateDirectory(directory)) return false;
   const std::string path = directory + "/" + fileName;
   utils::FileHandle file(fopen(path.c_str(), append ? "a+e" : "we"));
   if (!file) return false;
   // A short write, a failed flush, a failed sync or a failed close all mean the file is not
-  // what the caller asked for: say so instead of reporting success.
-  bool ok = fwrite(content.data(), 1, content.size(), file.get()) == content.size();
-  ok = fflush(file.get()) == 0 && ok;
-  ok = fsync(fileno(file.get())) == 0 && ok;
-  ok = fclose(file.release()) == 0 && ok;
-  return ok;
+  // what the caller asked for: say so instead of reporting success, with the first failure's
+  // errno (the later steps fail because of it, and would say less).
+  int why = 0;
+  const auto step = [&why](bool done) {
+    if (!done && why == 0) why = errno != 0 ? errno : EIO;
+  };
+  errno = 0;
+  step(fwrite(content.data(), 1, content.size(), file.get()) == content.size());
+  step(fflush(file.get()) == 0);
+  step(fsync(fileno(file.get())) == 0);
+  step(fclose(file.release()) == 0);
+  if (why != 0) errno = why;
+  return why == 0;
 }
 
 bool ReplaceTextFile(const std::string& directory, const std::string& fileName,
                      const std::string& content, mode_t mode, bool sync) {
-  if (directory.empty() || fileName.empty()) return false;
+  if (directory.empty() || fileName.empty()) return errno = EINVAL, false;
   if (!CreateDirectory(directory)) return false;
   const std::string path = directory + "/" + fileName;
   const std::string temporary =
@@ -179,7 +186,6 @@ bool ForEachDirectoryEntry(const std::string& directory,
 }
 
 bool GetFileNamesInDirectory(const std::string& directory, std::vector<std::string>& names) {
-  if (!IsDirectoryExist(directory)) return false;
   return ForEachDirectoryEntry(directory, [&names](const char* name) {
     names.emplace_back(name);
     return true;

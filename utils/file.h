@@ -1,5 +1,8 @@
 // File and directory helpers (reporting with a bool, never throwing) and FileLocker, an
 // advisory whole-file lock that serialises changes between processes (reporting by throwing).
+// A helper that returns false leaves errno telling why (EINVAL for an empty name), whatever
+// its clean-up did afterwards, so that a caller may say it with ErrnoMessage (utils.h); the
+// lock's exceptions carry the same words.
 #ifndef ZOVDX_UTILS_FILE_H_
 #define ZOVDX_UTILS_FILE_H_
 

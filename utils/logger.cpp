@@ -5,6 +5,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "utils/utils.h"
+
 namespace utils {
 namespace {
 
@@ -69,7 +71,7 @@ void Logger::SetLogFile(const std::string& path) {
     if (log_file_fp_ != nullptr) return;
   }
   const int saved = errno;
-  Write(kLogWarning, "Open file: %s\n", strerror(saved));
+  Write(kLogWarning, "Open file: %s\n", ErrnoMessage(saved).c_str());
 }
 
 std::string Logger::GetSystemTime() {

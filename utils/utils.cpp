@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 std::string StrFormat(const char* format, ...) {
   va_list args;
@@ -43,4 +44,10 @@ void SplitStr(const std::string& text, const std::string& delimiter,
     if (piece.empty()) continue;
     pieces.push_back(std::move(piece));
   }
+}
+
+std::string ErrnoMessage(int err) {
+  char buffer[256];
+  // The GNU strerror_r returns the text, in buffer or in a static table.
+  return strerror_r(err, buffer, sizeof(buffer));
 }

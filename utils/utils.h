@@ -1,4 +1,5 @@
-// String helpers: printf-style formatting, splitting at a delimiter, counting bits.
+// String helpers: printf-style formatting, splitting at a delimiter, counting bits, and the
+// words for an errno value.
 #ifndef ZOVDX_UTILS_UTILS_H_
 #define ZOVDX_UTILS_UTILS_H_
 
@@ -16,5 +17,9 @@ int BitsCount(unsigned int value);
 // An empty text or delimiter appends nothing.
 void SplitStr(const std::string& text, const std::string& delimiter,
               std::vector<std::string>& pieces, bool trim);
+
+// The system's words for an errno value ("Permission denied"): the one way the library turns
+// errno into text. Unlike strerror it may be called from several threads at once.
+std::string ErrnoMessage(int err);
 
 #endif  // ZOVDX_UTILS_UTILS_H_

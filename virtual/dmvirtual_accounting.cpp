@@ -13,6 +13,7 @@
 
 #include "utils/file.h"
 #include "utils/logger.h"
+#include "utils/utils.h"
 #include "virtual/dmvirtual_labels.h"
 #include "virtual/include/dmvirtual.h"
 
@@ -149,7 +150,7 @@ vdxStatus Dmvirtual::iGetActiveVdevCountFromSys(int* count) {
   int active = 0;
   if (!ForEachDirectoryEntry(kSysfsVgpuDir, [&active](const char*) { return ++active, true; })) {
     LOG_DEBUG("[%s] %s: failed to open directory '%s' - %s.\n", __func__, kLabelError,
-              kSysfsVgpuDir, strerror(errno));
+              kSysfsVgpuDir, ErrnoMessage(errno).c_str());
     return VDX_STATUS_ERROR;
   }
   LOG_DEBUG("[%s] Get active virtual device count(%d) from sysfs.\n", __func__, active);

@@ -103,7 +103,7 @@ vdxStatus Dmvirtual::iInitSysGroup() {
   utils::DirHandle dir(opendir(kSysfsGroupDir));
   if (!dir) {
     LOG_DEBUG("[%s] %s: failed to open directory '%s' - %s.\n", __func__, kLabelError,
-              kSysfsGroupDir, strerror(errno));
+              kSysfsGroupDir, ErrnoMessage(errno).c_str());
     return VDX_STATUS_ERROR;
   }
   // The new list starts empty: a long-running process refreshes it on many requests, and a
@@ -144,7 +144,7 @@ vdxStatus Dmvirtual::iSysGetGroupInfo(std::string path, sys_group_info* info) {
   utils::FileHandle stream(fopen(path.c_str(), "re"));
   if (!stream) {
     LOG_DEBUG("[%s] %s: failed to open file '%s' - %s.\n", __func__, kLabelError, path.c_str(),
-              strerror(errno));
+              ErrnoMessage(errno).c_str());
     return VDX_STATUS_ERROR;
   }
   ForEachLine(stream.get(), [info](const std::string& line) {

@@ -89,7 +89,7 @@ vdxStatus Dmvirtual::iGetVirtualDevice(std::string dir, std::string file,
   utils::FdHandle fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (fd.get() < 0) {
     LOG_DEBUG("[%s] %s: failed to open file '%s' - %s.\n", __func__, kLabelError, path.c_str(),
-              strerror(errno));
+              ErrnoMessage(errno).c_str());
     return VDX_STATUS_ERROR;
   }
   std::string error;
@@ -378,7 +378,7 @@ vdxStatus Dmvirtual::iWriteVdevFile(const char* caller, virtual_device_info* vde
   }
   if (touch_directory && utime(kVdevDir, nullptr) != 0) {
     LOG_DEBUG("[%s] %s: set the timestamp of directory %s failed, %s.\n", caller, kLabelError,
-              kVdevDir, strerror(errno));
+              kVdevDir, ErrnoMessage(errno).c_str());
     return VDX_STATUS_ERROR;
   }
   struct timespec mtime;

@@ -16,6 +16,7 @@
 
 #include "utils/file.h"
 #include "utils/logger.h"
+#include "utils/utils.h"
 #include "virtual/change_frame.h"
 #include "virtual/dmvirtual_labels.h"
 #include "virtual/include/dmvirtual.h"
@@ -213,7 +214,7 @@ vdxStatus Dmvirtual::iDestroyVirtualDevice(int vdev_id) {
   const std::string path = std::string(kVdevDir) + "/" + VdevFileName(vdev_id);
   if (unlink(path.c_str()) != 0 && errno != ENOENT) {
     LOG_DEBUG("[%s] %s: failed to remove file '%s' - %s.\n", __func__, kLabelError, path.c_str(),
-              strerror(errno));
+              ErrnoMessage(errno).c_str());
     return VDX_STATUS_ERROR;
   }
   iReleaseVirtualDevice(vdev_id);

@@ -68,7 +68,7 @@ vdxStatus Dmvirtual::GetEncryptedVMStatus(bool* status) {
   if (!stream) {
     // A flag nobody can read is no evidence of encryption: not encrypted, not an error.
     LOG_DEBUG("[%s] %s: failed to open file '%s' - %s.\n", __func__, kLabelError, path.c_str(),
-              strerror(errno));
+              ErrnoMessage(errno).c_str());
     *status = false;
     return VDX_STATUS_SUCCESS;
   }

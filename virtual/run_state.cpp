@@ -16,6 +16,7 @@
 
 #include "utils/logger.h"
 #include "utils/scoped.h"
+#include "utils/utils.h"
 #include "virtual/dmvirtual_labels.h"
 
 namespace {
@@ -91,7 +92,7 @@ bool BumpGeneration() {
   if (WriteStateFile(kGenerationName, text)) return true;
   // The change itself stands; other processes still see it by the directory's time stamp.
   LOG_DEBUG("[%s] %s: failed to write %s - %s.\n", __func__, kLabelWarning, kGenerationFile,
-            strerror(errno));
+            ErrnoMessage(errno).c_str());
   return false;
 }
 

@@ -98,18 +98,25 @@ TEST(FileHelpers, WriteTextFileTruncatesOrAppends) {
   ASSERT_TRUE(WriteTextFile(sub, "bin", binary, false));
   EXPECT_EQ(ReadFile(sub + "/bin"), binary);
 
+  // Each refusal leaves errno saying why.
   EXPECT_FALSE(WriteTextFile("", "x", "y", false));
+  EXPECT_EQ(errno, EINVAL);
   EXPECT_FALSE(WriteTextFile(sub, "", "y", false));
   ASSERT_EQ(mkdir((sub + "/taken").c_str(), 0755), 0);
   EXPECT_FALSE(WriteTextFile(sub, "taken", "y", false));  // a directory stands there
+  EXPECT_EQ(errno, EISDIR);
   ASSERT_TRUE(WriteTextFile(dir.path(), "plain", "", false));
   EXPECT_FALSE(WriteTextFile(dir / "plain", "under_a_file", "y", false));
+  EXPECT_EQ(errno, ENOTDIR);
+  EXPECT_FALSE(ReplaceTextFile(dir / "plain", "under_a_file", "y"));
+  EXPECT_EQ(errno, ENOTDIR);
 }
 
 TEST(FileHelpers, WriteTextFileReportsAFullDevice) {
   // /dev/full fails every write with ENOSPC; the helper must not call that success.
   if (!IsFileExist("/dev/full")) GTEST_SKIP() << "no /dev/full";
   EXPECT_FALSE(WriteTextFile("/dev", "full", std::string(100000, 'x'), false));
+  EXPECT_EQ(errno, ENOSPC);  // the write's failure, not the sync's that follows it
 }
 
 TEST(FileHelpers, ForEachLineVisitsLinesUntilToldToStop) {
@@ -149,7 +156,10 @@ TEST(FileHelpers, ReadsTheHeadOfASmallFile) {
   ASSERT_TRUE(ReadSmallFile(dir / "f", text, 4095));
   EXPECT_EQ(text, std::string(4095, 'x'));
   EXPECT_FALSE(ReadSmallFile(dir / "missing", text));
+  EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(text, "");
+  EXPECT_FALSE(ReadSmallFile(dir.path(), text));
+  EXPECT_EQ(errno, EISDIR);
 }
 
 TEST(FileHelpers, ListsDirectoryEntries) {
@@ -164,7 +174,9 @@ TEST(FileHelpers, ListsDirectoryEntries) {
 
   std::vector<std::string> none;
   EXPECT_FALSE(GetFileNamesInDirectory(dir / "missing", none));
+  EXPECT_EQ(errno, ENOENT);
   EXPECT_FALSE(GetFileNamesInDirectory(dir / "vdev1.conf", none));
+  EXPECT_EQ(errno, ENOTDIR);
   EXPECT_TRUE(none.empty());
 }
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <random>
 #include <string>
@@ -42,6 +43,12 @@ TEST(StrFormat, FormatsAndCutsAtItsBuffer) {
     ASSERT_EQ(out.size(), 1023u) << length;
     EXPECT_EQ(out, "x" + longer.substr(0, 1022));
   }
+}
+
+TEST(ErrnoMessage, GivesTheSystemsWords) {
+  EXPECT_EQ(ErrnoMessage(EACCES), "Permission denied");
+  EXPECT_EQ(ErrnoMessage(EROFS), "Read-only file system");
+  EXPECT_NE(ErrnoMessage(99999).find("99999"), std::string::npos);  // unknown, with its number
 }
 
 TEST(BitsCount, AgreesWithThePopulationCount) {
