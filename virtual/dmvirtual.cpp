@@ -154,9 +154,10 @@ vdxStatus Dmvirtual::Init() {
 
   iInitSysGroup();
 
+  dmRunMode run_mode = DM_PROCESS_NONE_MODE;  // for the last line, said after the locks
   try {
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
+    utils::WriterLock vdevs(&virtual_device_lock);
+    utils::WriterLock binds(&bind_vdev_lock);
     ConfigLock file_lock(FileLocker::kShared);
     if (iInitVirtualDevice() != VDX_STATUS_SUCCESS) {
       LOG_DEBUG("[%s] %s: initialize virtual devices from file system failed.\n", __func__,
@@ -168,13 +169,14 @@ vdxStatus Dmvirtual::Init() {
                 kLabelError);
       return VDX_STATUS_ERROR;
     }
+    run_mode = mode;
   } catch (const std::exception& e) {
     LOG_DEBUG("[%s] %s: failed to initialize virtual singleton. Due to %s\n", __func__,
               kLabelError, e.what());
     return VDX_STATUS_ERROR;
   }
   LOG_DEBUG("[%s] Process run mode(%d), system mode(%d), docker virtual env(%d).\n", __func__,
-            mode, system_mode, is_docker_virtual_env ? 1 : 0);
+            run_mode, system_mode, is_docker_virtual_env ? 1 : 0);
   return VDX_STATUS_SUCCESS;
 }
 

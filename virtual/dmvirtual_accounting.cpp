@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <mutex>
-#include <shared_mutex>
 #include <vector>
 
 #include "utils/file.h"
@@ -41,7 +39,7 @@ vdxStatus Dmvirtual::GetDeviceCount(int* count) {
     return VDX_STATUS_SUCCESS;
   }
   // Inside a container on virtual devices, the devices are what the container was given.
-  std::shared_lock<std::shared_mutex> vdevs(virtual_device_lock);
+  utils::ReaderLock binds(&bind_vdev_lock);
   if (mode == DM_PROCESS_GROUP_MODE)
     iMergeVirtualDevice(nullptr, 0, count);
   else if (mode == DM_PROCESS_VDEV_MODE)
@@ -71,7 +69,7 @@ vdxStatus Dmvirtual::GetDeviceInfo(int index, vdxDeviceInfo* info) {
     return VDX_STATUS_SUCCESS;
   }
 
-  std::shared_lock<std::shared_mutex> binds(bind_vdev_lock);
+  utils::ReaderLock binds(&bind_vdev_lock);
   if (mode == DM_PROCESS_GROUP_MODE) {
     // Room for every merged entry, so that no index the count admits falls outside.
     std::vector<virtual_device_info> merged(std::max(count, kMaxPhysicalDevices));
@@ -115,7 +113,7 @@ vdxStatus Dmvirtual::GetDeviceRemainingInfo(int device_id, uint64_t* remaining_c
     return VDX_STATUS_INVALID_ARGUMENTS;
   try {
     // Exclusive: the accounting may reload the list.
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
+    utils::WriterLock vdevs(&virtual_device_lock);
     ConfigLock file_lock(FileLocker::kShared);
     int units = 0, mib = 0;
     const vdxStatus status = iGetDevResources(device_id, &units, &mib, nullptr, nullptr);

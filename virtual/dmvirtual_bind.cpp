@@ -3,8 +3,9 @@
 // driver's container groups read from sysfs, the group and instances that make a run mode
 // real in the driver, and the visible-device variables of the compute runtime.
 // iGetRunVirtualDevice, iSetRunVirtualDevice and iReleaseRunVirtualDevice run with
-// bind_vdev_lock held exclusively (after virtual_device_lock); CreateProcessGroup takes
-// bind_vdev_lock shared itself. Environment variables are written only under these locks.
+// bind_vdev_lock held exclusively (after virtual_device_lock); CreateProcessGroup and
+// iRunProcessVdevMode take bind_vdev_lock shared themselves. Environment variables are
+// written only under these locks.
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -181,7 +182,7 @@ vdxStatus Dmvirtual::CreateProcessGroup(virtual_device_info* vdevs, int count) {
     }
   }
 
-  std::shared_lock<std::shared_mutex> binds(bind_vdev_lock);
+  utils::ReaderLock binds(&bind_vdev_lock);
   uint32_t group_id = 0;
   for (const virtual_device_info& bound : bind_vdev_lists) group_id |= IdBit(bound.vdev_id);
   if (dmkfdCreateGroup(group_id, docker_id, UINT64_MAX) != VDX_STATUS_SUCCESS) {
@@ -242,6 +243,7 @@ vdxStatus Dmvirtual::iRunProcessGroupMode(virtual_device_info* vdevs, int count)
 }
 
 vdxStatus Dmvirtual::iRunProcessVdevMode() {
+  utils::ReaderLock binds(&bind_vdev_lock);
   for (const virtual_device_info& vdev : bind_vdev_lists) {
     uint32_t mask[kCuMaskWord32Count];
     uint64_t limit = 0;

@@ -7,8 +7,6 @@
 
 #include <cstring>
 #include <exception>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -49,11 +47,10 @@ vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_conf
     std::vector<int> cus, mems;
     cu_mask_t free_units;
     uint32_t free_pipes = 0;
-    return UnderExclusiveFileLock(
-        virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
-        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
+    return iUnderExclusiveFileLock(
+        false, __func__,
         // The plan, made on the configuration as it is under the lock held at the time.
-        [&]() {
+        [&]() REQUIRES(gvdxlock, virtual_device_lock) {
           const vdxStatus status = iGenerateVirtualDevicesConfig(
               device_id, count, cu_config, mem_config, cus, mems, free_units, free_pipes);
           if (status != VDX_STATUS_SUCCESS)
@@ -61,7 +58,7 @@ vdxStatus Dmvirtual::CreateVirtualDevices(int device_id, int count, int* cu_conf
                       "CreateVirtualDevices", kLabelError);
           return status;
         },
-        [&]() {
+        [&]() REQUIRES(gvdxlock, virtual_device_lock) {
           const vdxStatus status =
               iCreateVirtualDevices(device_id, count, cus, mems, free_units, free_pipes);
           if (status != VDX_STATUS_SUCCESS)

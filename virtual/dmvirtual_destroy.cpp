@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -28,10 +26,9 @@ vdxStatus Dmvirtual::DestroyVirtualDevices(int device_id) {
   if (allowed != VDX_STATUS_SUCCESS) return allowed;
   try {
     std::vector<int> ids;
-    return UnderExclusiveFileLock(
-        virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
-        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
-        [&]() {
+    return iUnderExclusiveFileLock(
+        false, __func__,
+        [&]() REQUIRES(gvdxlock, virtual_device_lock) {
           ids.clear();
           // A physical device holds at most four: more can only be hand-made, and then none
           // is destroyed rather than an arbitrary four.
@@ -47,7 +44,7 @@ vdxStatus Dmvirtual::DestroyVirtualDevices(int device_id) {
           }
           return VDX_STATUS_SUCCESS;
         },
-        [&]() {
+        [&]() REQUIRES(gvdxlock, virtual_device_lock) {
           for (int id : ids) {
             const vdxStatus status = iDestroyVirtualDevice(id);
             if (status != VDX_STATUS_SUCCESS) {
@@ -82,11 +79,10 @@ vdxStatus Dmvirtual::DestroyVirtualDevice(int vdev_id) {
     return VDX_STATUS_VDEV_NOT_EXIST;
   }
   try {
-    return UnderExclusiveFileLock(
-        virtual_device_lock, false, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
-        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
-        [] { return VDX_STATUS_SUCCESS; },
-        [&]() {
+    return iUnderExclusiveFileLock(
+        false, __func__,
+        []() { return VDX_STATUS_SUCCESS; },
+        [&]() REQUIRES(gvdxlock, virtual_device_lock) {
           const vdxStatus status = iDestroyVirtualDevice(vdev_id);
           if (status != VDX_STATUS_SUCCESS)
             LOG_DEBUG("[%s] %s: failed to destroy virtual device(%d).\n", "DestroyVirtualDevice",
@@ -116,11 +112,10 @@ vdxStatus Dmvirtual::UpdateVirtualDevice(int vdev_id, int cu, int mem) {
   if (mem < -1 || mem == 0 || cu < -1) return VDX_STATUS_INVALID_ARGUMENTS;
   if (cu == -1 && mem == -1) return VDX_STATUS_SUCCESS;
   try {
-    return UnderExclusiveFileLock(
-        virtual_device_lock, true, __func__, [this] { return iCheckAndReinitVirtualDevice(); },
-        [this](bool* changed) { return iReloadUnderExclusiveLock(changed); },
-        [] { return VDX_STATUS_SUCCESS; },
-        [&]() {
+    return iUnderExclusiveFileLock(
+        true, __func__,
+        []() { return VDX_STATUS_SUCCESS; },
+        [&]() REQUIRES(gvdxlock, virtual_device_lock) {
           const vdxStatus status = iUpdateVirtualDevice(vdev_id, cu, mem);
           if (status != VDX_STATUS_SUCCESS)
             LOG_DEBUG("[%s] %s: failed to update virtual device(%d).\n", "UpdateVirtualDevice",

@@ -10,9 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <utility>
 #include <vector>
 
@@ -68,8 +66,8 @@ vdxStatus Dmvirtual::iStartOrStop(bool start, const char* caller, int* vdev_ids,
   if (iRefusedInContainer(caller)) return VDX_STATUS_NOT_SUPPORTED;
   if (iRefusedUnderMig(caller)) return VDX_STATUS_NOT_SUPPORTED;
   try {
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
-    std::unique_lock<std::shared_mutex> binds(bind_vdev_lock);
+    utils::WriterLock vdevs(&virtual_device_lock);
+    utils::WriterLock binds(&bind_vdev_lock);
     ConfigLock file_lock(FileLocker::kShared);
     uint32_t request = 0;
     vdxStatus status = iStartStopFrame(caller, vdev_ids, count, &request);

@@ -10,8 +10,6 @@
 #include <cmath>
 #include <cstring>
 #include <exception>
-#include <mutex>
-#include <shared_mutex>
 #include <vector>
 
 #include "utils/file.h"
@@ -44,7 +42,7 @@ vdxStatus Dmvirtual::GetVirualDeviceCount(int* count) {
   *count = 0;
   if (is_docker_virtual_env) return VDX_STATUS_SUCCESS;
   try {
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
+    utils::WriterLock vdevs(&virtual_device_lock);
     ConfigLock file_lock(FileLocker::kShared);
     if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
       LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
@@ -65,7 +63,7 @@ vdxStatus Dmvirtual::GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info) {
     return VDX_STATUS_INVALID_ARGUMENTS;
   if (iRefusedInContainer(__func__)) return VDX_STATUS_NOT_SUPPORTED;
   try {
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
+    utils::WriterLock vdevs(&virtual_device_lock);
     virtual_device_info vdev;
     {
       ConfigLock file_lock(FileLocker::kShared);
@@ -184,7 +182,7 @@ vdxStatus Dmvirtual::GetDevBusyPercent(int index, int* percent) {
   if (!is_docker_virtual_env) {
     units = static_cast<int>(device_lists[index]->Info().cuNum);
   } else {
-    std::shared_lock<std::shared_mutex> binds(bind_vdev_lock);
+    utils::ReaderLock binds(&bind_vdev_lock);
     if (mode == DM_PROCESS_VDEV_MODE) {
       if (static_cast<size_t>(index) >= bind_vdev_lists.size()) return VDX_STATUS_INVALID_ARGUMENTS;
       const virtual_device_info& vdev = bind_vdev_lists[index];
@@ -245,7 +243,7 @@ vdxStatus Dmvirtual::GetVDevBusyPercent(int vdev_id, int* percent) {
                 __func__, kLabelError);
       return VDX_STATUS_NOT_SUPPORTED;
     }
-    std::unique_lock<std::shared_mutex> vdevs(virtual_device_lock);
+    utils::WriterLock vdevs(&virtual_device_lock);
     {
       ConfigLock file_lock(FileLocker::kShared);
       if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {

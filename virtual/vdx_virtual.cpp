@@ -21,7 +21,6 @@ namespace {
 
 std::once_flag gvdxInitialized;
 vdxStatus gDmvirtualInitStatus = VDX_STATUS_SUCCESS;
-std::mutex gvdxlock;
 // Set once the start-up has run: later calls pass with one load, without std::call_once,
 // which reaches thread-local state on every call.
 std::atomic<bool> gvdxInitDone{false};
@@ -30,6 +29,7 @@ void vdxInit() {
   // A start-up that throws (a container id that is not hexadecimal, a malformed group entry
   // of the driver) fails like any other start-up, and is remembered like one.
   try {
+    utils::MutexLock lock(&gvdxlock);
     gDmvirtualInitStatus = Dmvirtual::Instance().Init();
   } catch (const std::exception& e) {
     gDmvirtualInitStatus = VDX_STATUS_INTERNAL_EXCEPTION;
@@ -49,7 +49,7 @@ vdxStatus FullGate(Method method) {
   try {
     if (!gvdxInitDone.load(std::memory_order_acquire)) std::call_once(gvdxInitialized, vdxInit);
     if (gDmvirtualInitStatus != VDX_STATUS_SUCCESS) return gDmvirtualInitStatus;
-    std::lock_guard<std::mutex> lock(gvdxlock);
+    utils::MutexLock lock(&gvdxlock);
     return method(Dmvirtual::Instance());
   } catch (...) {
     return VDX_STATUS_INTERNAL_EXCEPTION;
@@ -67,70 +67,72 @@ vdxStatus InstanceGate(Method method) {
 
 }  // namespace
 
+utils::Mutex gvdxlock;
+
 extern "C" {
 
 vdxStatus vdxGetDeviceCount(int* count) {
-  return FullGate([&](Dmvirtual& dm) { return dm.GetDeviceCount(count); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetDeviceCount(count); });
 }
 
 vdxStatus vdxGetDeviceInfo(int device_id, vdxDeviceInfo* device_info) {
-  return FullGate([&](Dmvirtual& dm) { return dm.GetDeviceInfo(device_id, device_info); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetDeviceInfo(device_id, device_info); });
 }
 
 vdxStatus vdxGetDeviceRemainingInfo(int device_id, size_t* cus, size_t* memories) {
   return FullGate(
-      [&](Dmvirtual& dm) { return dm.GetDeviceRemainingInfo(device_id, cus, memories); });
+      [&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetDeviceRemainingInfo(device_id, cus, memories); });
 }
 
 vdxStatus vdxCreateVDevices(int device_id, int vdev_count, int* vdev_cus, int* vdev_memories) {
-  return FullGate([&](Dmvirtual& dm) {
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) {
     return dm.CreateVirtualDevices(device_id, vdev_count, vdev_cus, vdev_memories);
   });
 }
 
 vdxStatus vdxGetVDeviceCount(int* count) {
-  return FullGate([&](Dmvirtual& dm) { return dm.GetVirualDeviceCount(count); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetVirualDeviceCount(count); });
 }
 
 vdxStatus vdxGetVDeviceInfo(int vdevice_id, vdxDeviceInfo* vdevice_info) {
-  return FullGate([&](Dmvirtual& dm) { return dm.GetVirtualDeviceInfo(vdevice_id, vdevice_info); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetVirtualDeviceInfo(vdevice_id, vdevice_info); });
 }
 
 vdxStatus vdxDestroyVDevices(int device_id) {
-  return FullGate([&](Dmvirtual& dm) { return dm.DestroyVirtualDevices(device_id); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.DestroyVirtualDevices(device_id); });
 }
 
 vdxStatus vdxDestroySingleVDevice(int vdevice_id) {
-  return FullGate([&](Dmvirtual& dm) { return dm.DestroyVirtualDevice(vdevice_id); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.DestroyVirtualDevice(vdevice_id); });
 }
 
 vdxStatus vdxUpdateSingleVDevice(int vdevice_id, int vdev_cus, int vdev_memories) {
   return FullGate(
-      [&](Dmvirtual& dm) { return dm.UpdateVirtualDevice(vdevice_id, vdev_cus, vdev_memories); });
+      [&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.UpdateVirtualDevice(vdevice_id, vdev_cus, vdev_memories); });
 }
 
 vdxStatus vdxStartVDevice(int vdevice_id) {
-  return FullGate([&](Dmvirtual& dm) { return dm.StartVirtualDevice(&vdevice_id, 1); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.StartVirtualDevice(&vdevice_id, 1); });
 }
 
 vdxStatus vdxStopVDevice(int vdevice_id) {
-  return FullGate([&](Dmvirtual& dm) { return dm.StopVirtualDevice(&vdevice_id, 1); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.StopVirtualDevice(&vdevice_id, 1); });
 }
 
 vdxStatus vdxGetDevBusyPercent(int device_id, int* busy_percent) {
-  return FullGate([&](Dmvirtual& dm) { return dm.GetDevBusyPercent(device_id, busy_percent); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetDevBusyPercent(device_id, busy_percent); });
 }
 
 vdxStatus vdxGetVDevBusyPercent(int vdevice_id, int* busy_percent) {
-  return FullGate([&](Dmvirtual& dm) { return dm.GetVDevBusyPercent(vdevice_id, busy_percent); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetVDevBusyPercent(vdevice_id, busy_percent); });
 }
 
 vdxStatus vdxGetMaxVDeviceCount(int* count) {
-  return FullGate([&](Dmvirtual& dm) { return dm.GetMaxVirtualDeviceCountSupport(count); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.GetMaxVirtualDeviceCountSupport(count); });
 }
 
 vdxStatus vdxSetLogLevel(const char* log_level) {
-  return FullGate([&](Dmvirtual& dm) { return dm.SetLogLevel(std::string(log_level)); });
+  return FullGate([&](Dmvirtual& dm) REQUIRES(gvdxlock) { return dm.SetLogLevel(std::string(log_level)); });
 }
 
 vdxStatus vdxSetEncryptionVMStatus(bool status) {

@@ -5,8 +5,6 @@
 
 #include <cstring>
 #include <list>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -69,25 +67,22 @@ class DmvirtualPeer {
 
   // The steps that callers run under the manager's locks.
   vdxStatus CheckAndReinit() {
-    std::unique_lock<std::shared_mutex> lock(dm_.virtual_device_lock);
+    utils::WriterLock lock(&dm_.virtual_device_lock);
     return dm_.iCheckAndReinitVirtualDevice();
   }
   vdxStatus CheckAndGet(int id, virtual_device_info* info) {
-    std::unique_lock<std::shared_mutex> lock(dm_.virtual_device_lock);
+    utils::WriterLock lock(&dm_.virtual_device_lock);
     return dm_.iCheckAndGetVirtualDeviceInfo(id, info);
   }
   vdxStatus InitSysGroup() { return dm_.iInitSysGroup(); }
   vdxStatus GroupInfo(const std::string& path, sys_group_info* info) {
     return dm_.iSysGetGroupInfo(path, info);
   }
-  vdxStatus RunVdevMode() {
-    std::unique_lock<std::shared_mutex> lock(dm_.bind_vdev_lock);
-    return dm_.iRunProcessVdevMode();
-  }
+  vdxStatus RunVdevMode() { return dm_.iRunProcessVdevMode(); }
   vdxStatus RunGroupMode() {
     std::vector<virtual_device_info> bound;
     {
-      std::shared_lock<std::shared_mutex> lock(dm_.bind_vdev_lock);
+      utils::ReaderLock lock(&dm_.bind_vdev_lock);
       bound = dm_.bind_vdev_lists;
     }
     return dm_.iRunProcessGroupMode(bound.data(), static_cast<int>(bound.size()));

@@ -11,7 +11,10 @@
 // encryption pair, which touches no member: it is what guards the members that no lock of
 // their own covers (below, next to each member), and why the busy query may refresh the
 // group list before it takes virtual_device_lock.
-// Methods whose name starts with "i" expect their caller to hold what their comment says.
+// Each guard is written next to its members (GUARDED_BY) and each method's needs next to it
+// (REQUIRES): clang checks them when it builds the library (utils/thread_annotations.h). The
+// file lock is not a mutex and stays in the comments. Methods whose name starts with "i"
+// expect their caller to hold what their annotation and comment say.
 // Every message of the manager is written at debug level.
 //
 // The methods are defined by concern: dmvirtual.cpp (start-up and lifetime),
@@ -29,13 +32,13 @@
 #include <cstdint>
 #include <ctime>
 #include <list>
-#include <shared_mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "common/env_check.h"
 #include "mkfd/include/dmkfd.h"
+#include "utils/mutex.h"
 #include "virtual/cu_mask.h"
 #include "virtual/run_state.h"
 #include "zovdx/vdx.h"
@@ -105,6 +108,10 @@ typedef struct _sys_group_info {
   uint64_t group_id;  // bit n: virtual device n belongs to the group
 } sys_group_info;
 
+// The exported functions' gate (vdx_virtual.cpp): held around every call of a manager method
+// but the encryption pair, and around the start-up.
+extern utils::Mutex gvdxlock;
+
 class Dmvirtual {
  public:
   static constexpr size_t cu_mask_field_size = 64;
@@ -117,49 +124,54 @@ class Dmvirtual {
 
   static Dmvirtual& Instance();
   // The one-time start-up; the exported functions' gate calls it once per process.
-  vdxStatus Init();
-  vdxStatus SetLogLevel(std::string log_level);
-  vdxStatus GetMaxVirtualDeviceCountSupport(int* count);
-  vdxStatus GetVirualDeviceCount(int* count);
-  vdxStatus GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info);
-  vdxStatus GetDeviceInfo(int index, vdxDeviceInfo* info);
+  vdxStatus Init() REQUIRES(gvdxlock);
+  vdxStatus SetLogLevel(std::string log_level) REQUIRES(gvdxlock);
+  vdxStatus GetMaxVirtualDeviceCountSupport(int* count) REQUIRES(gvdxlock);
+  vdxStatus GetVirualDeviceCount(int* count) REQUIRES(gvdxlock);
+  vdxStatus GetVirtualDeviceInfo(int vdev_id, vdxDeviceInfo* info) REQUIRES(gvdxlock);
+  vdxStatus GetDeviceInfo(int index, vdxDeviceInfo* info) REQUIRES(gvdxlock);
   vdxStatus GetDeviceRemainingInfo(int device_id, uint64_t* remaining_cus,
-                                   uint64_t* remaining_mem);
-  vdxStatus GetDeviceCount(int* count);
-  vdxStatus CreateProcessGroup(virtual_device_info* vdevs, int count);
-  vdxStatus DestroyProcessGroup();
-  vdxStatus InitDevice(vdxDeviceInfo* infos, int capacity, int* count);
-  vdxStatus CreateVirtualDevices(int device_id, int count, int* cu_config, int* mem_config);
-  vdxStatus DestroyVirtualDevices(int device_id);
-  vdxStatus DestroyVirtualDevice(int vdev_id);
-  vdxStatus UpdateVirtualDevice(int vdev_id, int cu, int mem);
-  vdxStatus StartVirtualDevice(int* vdev_ids, int count);
-  vdxStatus StopVirtualDevice(int* vdev_ids, int count);
-  vdxStatus GetDevBusyPercent(int index, int* percent);
-  vdxStatus GetVDevBusyPercent(int vdev_id, int* percent);
+                                   uint64_t* remaining_mem) REQUIRES(gvdxlock);
+  vdxStatus GetDeviceCount(int* count) REQUIRES(gvdxlock);
+  vdxStatus CreateProcessGroup(virtual_device_info* vdevs, int count) REQUIRES(gvdxlock);
+  vdxStatus DestroyProcessGroup() REQUIRES(gvdxlock);
+  vdxStatus InitDevice(vdxDeviceInfo* infos, int capacity, int* count) REQUIRES(gvdxlock);
+  vdxStatus CreateVirtualDevices(int device_id, int count, int* cu_config, int* mem_config) REQUIRES(gvdxlock);
+  vdxStatus DestroyVirtualDevices(int device_id) REQUIRES(gvdxlock);
+  vdxStatus DestroyVirtualDevice(int vdev_id) REQUIRES(gvdxlock);
+  vdxStatus UpdateVirtualDevice(int vdev_id, int cu, int mem) REQUIRES(gvdxlock);
+  vdxStatus StartVirtualDevice(int* vdev_ids, int count) REQUIRES(gvdxlock);
+  vdxStatus StopVirtualDevice(int* vdev_ids, int count) REQUIRES(gvdxlock);
+  vdxStatus GetDevBusyPercent(int index, int* percent) REQUIRES(gvdxlock);
+  vdxStatus GetVDevBusyPercent(int vdev_id, int* percent) REQUIRES(gvdxlock);
   // Use none of the manager's state: callable without Init and without any lock.
   vdxStatus SetEncryptedVMStatus(bool status);
   vdxStatus GetEncryptedVMStatus(bool* status);
-  bool IsDockerVirtualEnv();
+  bool IsDockerVirtualEnv() REQUIRES(gvdxlock);
 
  private:
   friend class DmvirtualPeer;  // tests look inside
 
   // Process binding. iGetRunVirtualDevice, iSetRunVirtualDevice and iReleaseRunVirtualDevice:
   // caller holds bind_vdev_lock exclusively (and virtual_device_lock before it).
-  vdxStatus iInitSysGroup();
+  vdxStatus iInitSysGroup() REQUIRES(gvdxlock);
   // Whether the driver reports any group: the empty records that each refresh puts in front
   // of the list are no groups.
-  bool iAnySysGroup() const;
-  vdxStatus iSysGetGroupInfo(std::string path, sys_group_info* info);
+  bool iAnySysGroup() const REQUIRES(gvdxlock);
+  vdxStatus iSysGetGroupInfo(std::string path, sys_group_info* info) REQUIRES(gvdxlock);
   vdxStatus iSetVisiableDevice(virtual_device_info* vdevs, int count);
-  vdxStatus iSetRunVirtualDevice(uint32_t mask);
-  vdxStatus iGetRunVirtualDevice();
-  vdxStatus iReleaseRunVirtualDevice();
-  vdxStatus iRunProcessGroupMode(virtual_device_info* vdevs, int count);
-  vdxStatus iRunProcessVdevMode();
+  vdxStatus iSetRunVirtualDevice(uint32_t mask) REQUIRES(virtual_device_lock, bind_vdev_lock);
+  vdxStatus iGetRunVirtualDevice() REQUIRES(virtual_device_lock, bind_vdev_lock);
+  vdxStatus iReleaseRunVirtualDevice() REQUIRES(virtual_device_lock, bind_vdev_lock);
+  vdxStatus iRunProcessGroupMode(virtual_device_info* vdevs, int count) REQUIRES(gvdxlock);
+  vdxStatus iRunProcessVdevMode() EXCLUDES(bind_vdev_lock);
   // Driver instances; caller holds virtual_device_lock.
-  vdxStatus iCreateVdev(int vdev_id);
+  vdxStatus iCreateVdev(int vdev_id) REQUIRES(gvdxlock, virtual_device_lock);
+  // The frame every change (create, both destroys, update) runs in, after its own checks:
+  // change_frame.h. The steps run under virtual_device_lock and the file lock.
+  template <typename BeforeRaise, typename Work>
+  vdxStatus iUnderExclusiveFileLock(bool plural, const char* caller, BeforeRaise before_raise,
+                                    Work work) REQUIRES(gvdxlock) EXCLUDES(virtual_device_lock);
   // The refusals many entry points share: true (and the refusal logged under caller's name)
   // when this process runs inside a container, or when the devices are in MIG mode.
   bool iRefusedInContainer(const char* caller) const;
@@ -170,57 +182,57 @@ class Dmvirtual {
   bool iRefusedUnderMig(const char* caller) const;
   // The checks start and stop share, under their locks: a current configuration, the list,
   // no group, every id configured. *request: the set of ids asked for.
-  vdxStatus iStartStopFrame(const char* caller, int* vdev_ids, int count, uint32_t* request);
+  vdxStatus iStartStopFrame(const char* caller, int* vdev_ids, int count, uint32_t* request) REQUIRES(gvdxlock, virtual_device_lock);
   // Start (make the instances and bind the process) or stop (destroy them and unbind).
-  vdxStatus iStartOrStop(bool start, const char* caller, int* vdev_ids, int count);
-  vdxStatus iDestroyVdev(int vdev_id);
+  vdxStatus iStartOrStop(bool start, const char* caller, int* vdev_ids, int count) REQUIRES(gvdxlock);
+  vdxStatus iDestroyVdev(int vdev_id) REQUIRES(gvdxlock, virtual_device_lock);
   // Which process made each driver instance. Made here (record) or destroyed by this process,
   // whoever made it (forget): kept in created_vxcus and, for root, in the host's record
   // (run_state.h) under the exclusive lock, which a root caller holds.
-  void iRecordInstance(int device, int pipe);
-  void iForgetInstance(int device, int pipe);
+  void iRecordInstance(int device, int pipe) REQUIRES(gvdxlock, virtual_device_lock);
+  void iForgetInstance(int device, int pipe) REQUIRES(gvdxlock, virtual_device_lock);
   // At exit: destroys the instances this process made that nobody destroyed or replaced since.
-  void iDestroyOwnInstancesAtExit();
+  void iDestroyOwnInstancesAtExit() REQUIRES(gvdxlock);
   // Configuration files; caller holds virtual_device_lock exclusively (the file lock too
   // where the read must agree with a writer in another process).
-  vdxStatus iInitVirtualDevice();
-  vdxStatus iCheckAndReinitVirtualDevice();
+  vdxStatus iInitVirtualDevice() REQUIRES(virtual_device_lock);
+  vdxStatus iCheckAndReinitVirtualDevice() REQUIRES(virtual_device_lock);
   // For a change that now holds the file lock exclusively: reads the files again whatever the
   // time stamps say (another process may have changed them between the shared lock and the
   // exclusive one, the raise not being atomic). *changed: whether the view moved.
-  vdxStatus iReloadUnderExclusiveLock(bool* changed);
-  vdxStatus iReleaseVirtualDevice(int vdev_id);
+  vdxStatus iReloadUnderExclusiveLock(bool* changed) REQUIRES(virtual_device_lock);
+  vdxStatus iReleaseVirtualDevice(int vdev_id) REQUIRES(virtual_device_lock);
   vdxStatus iGetVirtualDevice(std::string dir, std::string file, virtual_device_info* info);
-  vdxStatus iLoadVirtualDeviceInfo(int vdev_id);
-  vdxStatus iRefreshVirtualDeviceInfo(int vdev_id);
-  vdxStatus iCheckAndGetVirtualDeviceInfo(int vdev_id, virtual_device_info* info);
+  vdxStatus iLoadVirtualDeviceInfo(int vdev_id) REQUIRES(virtual_device_lock);
+  vdxStatus iRefreshVirtualDeviceInfo(int vdev_id) REQUIRES(virtual_device_lock);
+  vdxStatus iCheckAndGetVirtualDeviceInfo(int vdev_id, virtual_device_info* info) REQUIRES(virtual_device_lock);
   // Writes a virtual device's file (moving the directory's time when asked, for a file
   // rewritten in place) and records the file's time in vdev->mtime.
-  vdxStatus iWriteVdevFile(const char* caller, virtual_device_info* vdev, bool touch_directory);
+  vdxStatus iWriteVdevFile(const char* caller, virtual_device_info* vdev, bool touch_directory) REQUIRES(virtual_device_lock);
   // Caller holds virtual_device_lock: shared for the get, exclusive for the set.
-  vdxStatus iGetVirtualDeviceById(int vdev_id, virtual_device_info* info);
-  vdxStatus iSetVirtualDeviceById(int vdev_id, virtual_device_info* info);
+  vdxStatus iGetVirtualDeviceById(int vdev_id, virtual_device_info* info) REQUIRES_SHARED(virtual_device_lock);
+  vdxStatus iSetVirtualDeviceById(int vdev_id, virtual_device_info* info) REQUIRES(virtual_device_lock);
   // Caller holds bind_vdev_lock.
-  vdxStatus iMergeVirtualDevice(virtual_device_info* out, int out_size, int* out_count);
+  vdxStatus iMergeVirtualDevice(virtual_device_info* out, int out_size, int* out_count) REQUIRES_SHARED(bind_vdev_lock);
   // Accounting and creation; caller holds virtual_device_lock.
-  vdxStatus iGetActiveVdevCountFromSys(int* count);
-  vdxStatus iAllocateVdevId(int* vdev_id);
+  vdxStatus iGetActiveVdevCountFromSys(int* count) REQUIRES(virtual_device_lock);
+  vdxStatus iAllocateVdevId(int* vdev_id) REQUIRES(virtual_device_lock);
   vdxStatus iGetDevResources(int device_id, int* remaining_cus, int* remaining_mem,
-                             cu_mask_t* free_mask, uint32_t* free_pipes);
+                             cu_mask_t* free_mask, uint32_t* free_pipes) REQUIRES(virtual_device_lock);
   vdxStatus iGenerateVirtualDevicesConfig(int device_id, int count, int* cu_config,
                                           int* mem_config, std::vector<int>& cus,
                                           std::vector<int>& mems, cu_mask_t& free_mask,
-                                          uint32_t& free_pipes);
+                                          uint32_t& free_pipes) REQUIRES(virtual_device_lock);
   vdxStatus iCreateVirtualDevices(int device_id, int count, std::vector<int>& cus,
                                   std::vector<int>& mems, cu_mask_t& free_mask,
-                                  uint32_t& free_pipes);
-  vdxStatus iDestroyVirtualDevice(int vdev_id);
+                                  uint32_t& free_pipes) REQUIRES(virtual_device_lock);
+  vdxStatus iDestroyVirtualDevice(int vdev_id) REQUIRES(gvdxlock, virtual_device_lock);
   // Releases the container groups and the driver instance that hold a virtual device, before
   // it is destroyed (updating false) or updated (true); 17 while another user holds it, 1 for
   // a record of a device that does not exist.
   vdxStatus iReleaseVdevHolders(const char* caller, const virtual_device_info& vdev,
-                                bool updating);
-  vdxStatus iUpdateVirtualDevice(int vdev_id, int cu, int mem);
+                                bool updating) REQUIRES(gvdxlock, virtual_device_lock);
+  vdxStatus iUpdateVirtualDevice(int vdev_id, int cu, int mem) REQUIRES(gvdxlock, virtual_device_lock);
 
   // Set by Init (once, under the gate's once flag), read only afterwards.
   std::vector<Device*> device_lists;  // owned; index = device id
@@ -230,28 +242,30 @@ class Dmvirtual {
   pid_t dmvirtual_pid = -1;
 
   // Guarded by the gate mutex: refreshed from the driver by whichever method needs it.
-  std::vector<sys_group_info> group_lists;
+  std::vector<sys_group_info> group_lists GUARDED_BY(gvdxlock);
   // Guarded by the gate mutex; start and stop also hold both manager locks when they change
   // it, and the destructor runs at exit, when no call is left.
-  std::list<std::pair<int, int>> created_vxcus;  // (device id, pipe id) made here
+  // (device id, pipe id) made here
+  std::list<std::pair<int, int>> created_vxcus GUARDED_BY(gvdxlock);
 
-  std::shared_mutex virtual_device_lock;
+  utils::SharedMutex virtual_device_lock;
   // Guarded by virtual_device_lock (exclusive to change, shared to read).
-  std::vector<virtual_device_info> virtual_device_lists;
-  uint32_t vdev_bitmap = 0;  // bit i set: id i is free
-  time_t virtual_mtime = 0;
-  long virtual_mtime_nsec = 0;  // changes within one second are changes too
+  std::vector<virtual_device_info> virtual_device_lists GUARDED_BY(virtual_device_lock);
+  uint32_t vdev_bitmap GUARDED_BY(virtual_device_lock) = 0;  // bit i set: id i is free
+  time_t virtual_mtime GUARDED_BY(virtual_device_lock) = 0;
+  // Changes within one second are changes too.
+  long virtual_mtime_nsec GUARDED_BY(virtual_device_lock) = 0;
   // The generation (run_state.h) that the view was loaded at; a query trusts the view only
   // while the generation is the same.
-  std::string generation_seen;
+  std::string generation_seen GUARDED_BY(virtual_device_lock);
   // The view was loaded within one clock tick of the directory's time stamp: a change made
   // in the same tick would not move the stamp, so the next query loads it again.
-  bool view_racy = false;
+  bool view_racy GUARDED_BY(virtual_device_lock) = false;
 
-  std::shared_mutex bind_vdev_lock;
+  utils::SharedMutex bind_vdev_lock;
   // Guarded by bind_vdev_lock (taken after virtual_device_lock when both are needed).
-  std::vector<virtual_device_info> bind_vdev_lists;
-  dmRunMode mode = DM_PROCESS_NONE_MODE;
+  std::vector<virtual_device_info> bind_vdev_lists GUARDED_BY(bind_vdev_lock);
+  dmRunMode mode GUARDED_BY(bind_vdev_lock) = DM_PROCESS_NONE_MODE;
 };
 
 #endif  // ZOVDX_VIRTUAL_INCLUDE_DMVIRTUAL_H_
