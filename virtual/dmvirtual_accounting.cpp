@@ -161,10 +161,7 @@ vdxStatus Dmvirtual::iGetDevResources(int device_id, int* remaining_cus, int* re
   if (device_id < 0 || static_cast<size_t>(device_id) >= device_lists.size() ||
       remaining_cus == nullptr || remaining_mem == nullptr)
     return VDX_STATUS_INVALID_ARGUMENTS;
-  if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
-    LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__, kLabelError);
-    return VDX_STATUS_ERROR;
-  }
+  if (iReinitOrSay(__func__) != VDX_STATUS_SUCCESS) return VDX_STATUS_ERROR;
 
   // Sums of hand-edited files may be anything: count wide enough never to overflow.
   int64_t used_units = 0, used_mib = 0;

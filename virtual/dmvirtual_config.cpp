@@ -240,6 +240,12 @@ vdxStatus Dmvirtual::iCheckAndReinitVirtualDevice() {
   return VDX_STATUS_SUCCESS;
 }
 
+vdxStatus Dmvirtual::iReinitOrSay(const char* caller) {
+  if (iCheckAndReinitVirtualDevice() == VDX_STATUS_SUCCESS) return VDX_STATUS_SUCCESS;
+  LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
+  return VDX_STATUS_ERROR;
+}
+
 vdxStatus Dmvirtual::iLoadVirtualDeviceInfo(int vdev_id) {
   LOG_DEBUG("[%s] Loading configuration of virtual device(%d) from file system.\n", __func__,
             vdev_id);

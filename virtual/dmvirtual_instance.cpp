@@ -24,10 +24,7 @@
 
 vdxStatus Dmvirtual::iStartStopFrame(const char* caller, int* vdev_ids, int count,
                                       uint32_t* request) {
-  if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
-    LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", caller, kLabelError);
-    return VDX_STATUS_ERROR;
-  }
+  if (iReinitOrSay(caller) != VDX_STATUS_SUCCESS) return VDX_STATUS_ERROR;
   if (vdev_ids == nullptr || count < 1) return VDX_STATUS_INVALID_ARGUMENTS;
   if (static_cast<size_t>(count) > virtual_device_lists.size()) {
     LOG_DEBUG("[%s] %s: input virtual device count(%d) exceeds the actual(%u).\n", caller,

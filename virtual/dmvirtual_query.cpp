@@ -44,11 +44,7 @@ vdxStatus Dmvirtual::GetVirualDeviceCount(int* count) {
   try {
     utils::WriterLock vdevs(&virtual_device_lock);
     ConfigLock file_lock(FileLocker::kShared);
-    if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
-      LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
-                kLabelError);
-      return VDX_STATUS_ERROR;
-    }
+    if (iReinitOrSay(__func__) != VDX_STATUS_SUCCESS) return VDX_STATUS_ERROR;
     *count = static_cast<int>(virtual_device_lists.size());
     return VDX_STATUS_SUCCESS;
   } catch (const std::exception& e) {
@@ -246,11 +242,7 @@ vdxStatus Dmvirtual::GetVDevBusyPercent(int vdev_id, int* percent) {
     utils::WriterLock vdevs(&virtual_device_lock);
     {
       ConfigLock file_lock(FileLocker::kShared);
-      if (iCheckAndReinitVirtualDevice() != VDX_STATUS_SUCCESS) {
-        LOG_DEBUG("[%s] %s: check and re-initialize virtual device failed.\n", __func__,
-                  kLabelError);
-        return VDX_STATUS_ERROR;
-      }
+      if (iReinitOrSay(__func__) != VDX_STATUS_SUCCESS) return VDX_STATUS_ERROR;
     }
     virtual_device_info vdev;
     if (iGetVirtualDeviceById(vdev_id, &vdev) != VDX_STATUS_SUCCESS) {

@@ -197,6 +197,9 @@ class Dmvirtual {
   // where the read must agree with a writer in another process).
   vdxStatus iInitVirtualDevice() REQUIRES(virtual_device_lock);
   vdxStatus iCheckAndReinitVirtualDevice() REQUIRES(virtual_device_lock);
+  // iCheckAndReinitVirtualDevice with its failure said under caller's name ("check and
+  // re-initialize virtual device failed.") and reported as 1.
+  vdxStatus iReinitOrSay(const char* caller) REQUIRES(virtual_device_lock);
   // For a change that now holds the file lock exclusively: reads the files again whatever the
   // time stamps say (another process may have changed them between the shared lock and the
   // exclusive one, the raise not being atomic). *changed: whether the view moved.
