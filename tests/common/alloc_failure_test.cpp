@@ -126,21 +126,4 @@ TEST(AllocationFailure, DriverBrokeredSocketLeavesTheDeviceClosed) {
   });
 }
 
-TEST(AllocationFailure, ProcessListLeavesNoDescriptor) {
-  const int descriptors = mkfd_test::CountOpenDescriptors();
-  size_t longest = 0;
-  const int rounds = FailEachAllocationInTurn(
-      [&longest] {
-        ForEachProcessCommand([&longest](const std::string& command) {
-          longest = std::max(longest, command.size());
-          return true;
-        });
-      },
-      [descriptors](long n) {
-        EXPECT_EQ(mkfd_test::CountOpenDescriptors(), descriptors) << "failing allocation " << n;
-      });
-  EXPECT_GT(longest, 0u);
-  EXPECT_GE(rounds, 2);
-}
-
 }  // namespace

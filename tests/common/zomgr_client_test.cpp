@@ -155,24 +155,6 @@ TEST_F(ClientTest, ReportsServiceErrors) {
   }
 }
 
-TEST_F(ClientTest, AVbiosFailureAlwaysReachesTheUser) {
-  Serve(Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_VBIOS_INIT_ERROR)));
-  Command* cmd = nullptr;
-  const std::string quiet =
-      CaptureLog("info", [&] { EXPECT_EQ(RecvCommandQuiet(&cmd, client()), -1); }).err;
-  peer_.join();
-  EXPECT_NE(quiet.find("VBIOS init failed\n"), std::string::npos) << quiet;
-
-  Serve(Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_VBIOS_INIT_ERROR)));
-  const std::string loud =
-      CaptureLog("info", [&] { EXPECT_EQ(RecvCommand(&cmd, client()), -1); }).err;
-  size_t count = 0;
-  for (size_t at = loud.find("VBIOS init failed"); at != std::string::npos;
-       at = loud.find("VBIOS init failed", at + 1))
-    ++count;
-  EXPECT_EQ(count, 2u) << loud;
-}
-
 TEST_F(ClientTest, ADisconnectMidFrameFails) {
   // Half a header, then the header of a 100-byte frame with 40 bytes of it.
   for (const std::string& bytes : {Frame(29, "").substr(0, 7), Frame(29, std::string(100, 'p')).substr(0, 56)}) {
@@ -220,36 +202,6 @@ TEST_F(ClientTest, SendsWellFormedRequests) {
   memcpy(&header, got.data() + 56, 16);
   EXPECT_EQ(header.data_size, 0);
   EXPECT_EQ(header.header, kCommandMagic);
-}
-
-TEST_F(ClientTest, NeedsAConnectedSocket) {
-  const LogOutput log = CaptureLog("info", [] {
-    EXPECT_EQ(SendCommand(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
-    EXPECT_EQ(SendCommandQuiet(CTYPE_GET_SYSTEM_MODE, nullptr, 0, -1), -1);
-    Command* cmd = nullptr;
-    EXPECT_EQ(RecvCommandQuiet(&cmd, -1), -1);
-  });
-  const std::string& out = log.out;
-  const std::string& err = log.err;
-  // Only the loud call reaches the default level.
-  EXPECT_EQ(err.rfind("\033[31mError\033[0m: [", 0), 0u) << err;
-  EXPECT_NE(err.find("Please connect to the server first\n"), std::string::npos);
-  EXPECT_EQ(err.find("Please connect", err.find("Please connect") + 1), std::string::npos);
-  EXPECT_EQ(out, "");
-
-  int fd = 12345;
-  DisconnectServer(&fd);  // not ours to close, but the contract is: close and forget
-  EXPECT_EQ(fd, -1);
-  fd = -1;
-  DisconnectServer(&fd);
-  EXPECT_EQ(fd, -1);
-}
-
-TEST(ServiceErrorText, CoversTheTable) {
-  EXPECT_STREQ(GetZomgrErrorString(SRV_STATUS_SUCCESS), "Success");
-  EXPECT_STREQ(GetZomgrErrorString(SRV_STATUS_DEVICE_USED), "Devices is used");
-  EXPECT_STREQ(GetZomgrErrorString(SRV_STATUS_VBIOS_INIT_ERROR), "VBIOS init failed");
-  EXPECT_STREQ(GetZomgrErrorString(static_cast<SrvStatus>(37)), "A generic error has occurred");
 }
 
 // The queries against a service the test runs in a private network namespace, where the
@@ -308,50 +260,6 @@ TEST_F(QueryTest, FailsEarlyWithoutTheDriverOrTheService) {
     SystemMode m = SYSTEM_MODE_MIG;
     // No service listens in a fresh network namespace.
     return CheckSystemModeViaZomgr(m, false, false, -1) ? 1 : (m == SYSTEM_MODE_MIG ? 0 : 2);
-  });
-  if (result == 77) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
-  EXPECT_EQ(result, 0);
-}
-
-TEST_F(QueryTest, AnswersThroughItsOwnConnectionAndClosesIt) {
-  const int result = InPrivateNetwork([] {
-    const int listener = Listen();
-    if (listener < 0) return 10;
-    std::thread service([listener] {
-      for (int round = 0; round < 3; ++round) {
-        const int conn = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (conn < 0) return;
-        char request[20];
-        ssize_t n = recv(conn, request, sizeof(request), 0);
-        Command header;
-        memcpy(&header, request, 16);
-        std::string reply;
-        if (round == 0) reply = Frame(CTYPE_GET_SYSTEM_MODE, Int32(SYSTEM_MODE_MIG));
-        if (round == 1) {
-          int32_t pid;
-          memcpy(&pid, request + 16, 4);
-          reply = Frame(CTYPE_GET_PROCESS_INFO, Int32(pid == getpid() ? 3 : -1) + Int32(1) + Int32(2));
-        }
-        if (round == 2) reply = Frame(CTYPE_GET_PROCESS_INFO, Int32(0) + Int32(0) + Int32(0));
-        if (n > 0) send(conn, reply.data(), reply.size(), MSG_NOSIGNAL);
-        close(conn);
-      }
-    });
-    const int before = OpenDescriptorCount();
-    SystemMode mode = SYSTEM_MODE_NONE;
-    process_info info = {0, 0, 0};
-    int failures = 0;
-    if (!CheckSystemModeViaZomgr(mode, false, false, -1) || mode != SYSTEM_MODE_MIG) failures |= 1;
-    if (!GetProcessInfoViaZomgr(getpid(), info, false, false, -1) || info.gpu_id != 3 ||
-        info.gi_id != 1 || info.ci_id != 2)
-      failures |= 2;
-    // A reply of the other type is refused and leaves the mode alone.
-    mode = SYSTEM_MODE_NONE;
-    if (CheckSystemModeViaZomgr(mode, false, false, -1) || mode != SYSTEM_MODE_NONE) failures |= 4;
-    service.join();
-    if (OpenDescriptorCount() != before) failures |= 8;
-    close(listener);
-    return failures;
   });
   if (result == 77) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
   EXPECT_EQ(result, 0);

@@ -29,19 +29,6 @@ void WriteTwoAccelerators() {
                             Node{202u, AcceleratorProperties(0x2E70, 0x5020, 0, 256), {}, true}});
 }
 
-TEST(Connection, OpenFailsWithoutTheDevice) {
-  RunInPrivateMachine([] {
-    WriteTwoAccelerators();
-    const int descriptors = CountOpenDescriptors();
-    ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
-    EXPECT_EQ(dmkfdOpenMkfd(), VDX_STATUS_OPEN_MKFD_FAILED);
-    EXPECT_EQ(MkfdInterface::mkfd_singleton_->OpenCount(), 0);
-    EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_MKFD_NOT_OPENED);
-    EXPECT_EQ(CountOpenDescriptors(), descriptors);
-    EXPECT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
-  });
-}
-
 TEST(Connection, WithoutTopologyTheDeviceStaysOpen) {
   RunInPrivateMachine([] {
     mkfd_test::CreateFakeDevice();

@@ -61,28 +61,6 @@ class DriverTest : public testing::Test {
   uint32_t gpu1_ = 0;
 };
 
-TEST_F(DriverTest, TopologyOfTheDefaultMachine) {
-  uint32_t count = 0;
-  EXPECT_EQ(dmkfdGetNodeCount(&count), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(count, 2u);
-  const std::string dump = Dump();
-  EXPECT_TRUE(Contains(dump, "gpu " + Gpu0() + " node 1 ")) << dump;
-  EXPECT_TRUE(Contains(dump, "gpu " + std::to_string(gpu1_) + " node 2 ")) << dump;
-  uint32_t node = 9;
-  EXPECT_EQ(dmkfdGetNodeByGpuId(gpu1_, &node), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(node, 1u);
-
-  dmkfdNodeProperties props{};
-  ASSERT_EQ(dmkfdGetNodeProperties(0, &props), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(props.VendorId, 0x2E70u);
-  EXPECT_EQ(props.SimdCount / props.SimdPerCu, 60u);
-  EXPECT_EQ(props.GlobalMemSize, 32 * kGiB);
-  EXPECT_STRNE(props.MarketingName, "");
-  ASSERT_EQ(dmkfdGetNodeProperties(1, &props), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(props.SimdCount / props.SimdPerCu, 64u);
-  EXPECT_EQ(props.GlobalMemSize, 16 * kGiB);
-}
-
 TEST_F(DriverTest, VirtualDeviceLifeCycle) {
   uint32_t mask[4] = {0x0000F0F0, 0, 0, 0};
   ASSERT_EQ(dmkfdCreateVdev(0, 5, 2, 0xabc, kGiB, 128, mask), VDX_STATUS_SUCCESS);
@@ -239,19 +217,6 @@ TEST_F(DriverTest, LiveQueries) {
   EXPECT_EQ(wave_count, 3u);
 }
 
-TEST_F(DriverTest, ServiceSocketOutlivesTheDevice) {
-  int fd = -1;
-  ASSERT_EQ(dmkfdConnectZouds(&fd), VDX_STATUS_SUCCESS);
-  ASSERT_GE(fd, 0);
-  struct stat st {};
-  ASSERT_EQ(fstat(fd, &st), 0);
-  EXPECT_TRUE(S_ISSOCK(st.st_mode));
-  EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(fstat(fd, &st), 0);
-  close(fd);
-  ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);  // for TearDown
-}
-
 using mkfd_test::Commands;
 using mkfd_test::FlatCall;
 
@@ -317,39 +282,6 @@ TEST_F(DriverTest, BadDescriptorIsReportedAsAnError) {
   CaptureStderr();
   EXPECT_EQ(dmkfdGetAvailableMem(0, &available), VDX_STATUS_ERROR);
   EXPECT_EQ(GetCapturedStderr(), "");
-}
-
-TEST_F(DriverTest, ForkedChildWithTheParentsDescriptor) {
-  // A driver that binds a descriptor to the process that opened it refuses the child.
-  Ctl({"inherited", "ebadf"});
-  fflush(stdout);
-  fflush(stderr);
-  int pipe_fds[2];
-  ASSERT_EQ(pipe(pipe_fds), 0);
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    // The child reports the status by its exit code and its error output through the pipe.
-    close(pipe_fds[0]);
-    dup2(pipe_fds[1], STDERR_FILENO);
-    uint64_t available = 0;
-    const bool refused = dmkfdGetAvailableMem(0, &available) == VDX_STATUS_ERROR;
-    _exit(refused ? 0 : 1);
-  }
-  close(pipe_fds[1]);
-  std::string err;
-  char buffer[512];
-  ssize_t got;
-  while ((got = read(pipe_fds[0], buffer, sizeof(buffer))) > 0) err.append(buffer, got);
-  close(pipe_fds[0]);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_TRUE(Contains(err, "MKFD file descriptor not valid in this process\n")) << err;
-  // The parent's own descriptor still works.
-  uint64_t available = 0;
-  EXPECT_EQ(dmkfdGetAvailableMem(0, &available), VDX_STATUS_SUCCESS);
 }
 
 TEST_F(DriverTest, ArgumentChecksNeverReachTheDriver) {

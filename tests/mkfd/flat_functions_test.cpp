@@ -77,15 +77,6 @@ TEST_F(FlatFunctions, NodeCountChecksBeforeItLogsAndTouchesNothing) {
   EXPECT_NE(out.find("] [dmkfdGetNodeCount] count: 0\n"), std::string::npos) << out;
 }
 
-TEST_F(FlatFunctions, TraceLinesCarryTheSourceLocation) {
-  utils::SetLogLevel(utils::kLogTrace);
-  CaptureStdout();
-  dmkfdDestroyGroup(1);
-  const std::string out = GetCapturedStdout();
-  EXPECT_NE(out.find("] [mkfd/dmkfd.cpp : "), std::string::npos) << out;
-  EXPECT_NE(out.find("] [dmkfdDestroyGroup] indentifier: 0x1\n"), std::string::npos) << out;
-}
-
 TEST_F(FlatFunctions, ReferenceCounting) {
   ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
   ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);

@@ -33,25 +33,6 @@ std::string ParseError(const std::string& text) {
   return ParseMachine(text, &m, &error) ? "" : error;
 }
 
-TEST(MachineDescription, DefaultIsTheDocumentedMachine) {
-  Machine m = Default();
-  ASSERT_EQ(m.nodes.size(), 3u);
-  EXPECT_FALSE(m.nodes[0].IsGpu());
-  EXPECT_EQ(m.nodes[1].CuCount(), 60u);
-  EXPECT_EQ(m.nodes[1].VramBytes(), 32768ull << 20);
-  EXPECT_EQ(m.nodes[2].CuCount(), 64u);
-  EXPECT_EQ(m.nodes[2].VramBytes(), 16384ull << 20);
-  EXPECT_NE(m.nodes[1].Prop("location_id"), m.nodes[2].Prop("location_id"));
-  EXPECT_EQ(m.system_mode, 0);
-  EXPECT_EQ(m.module_state, "live");
-  // Every key of the topology reader is there.
-  for (const char* key : {"location_id", "domain", "simd_count", "simd_per_cu", "cu_per_simd_array",
-                          "simd_arrays_per_engine", "array_count", "vendor_id", "device_id",
-                          "subsystem_device", "max_waves_per_simd", "dp4x_status"}) {
-    for (size_t n = 1; n < 3; ++n) EXPECT_NE(m.nodes[n].Prop(key, ~0ull), ~0ull) << key;
-  }
-}
-
 TEST(MachineDescription, ParsesWhatTheFormatAllows) {
   Machine m;
   std::string error;
@@ -124,17 +105,6 @@ TEST_F(DriverLogic, MaskBitsBeyondTheCountAreIgnored) {
   EXPECT_EQ(inst.mask_bits, 40u);
   EXPECT_EQ(Create(1, {0x1}, 300), EINVAL);
   EXPECT_EQ(Create(1, {0x1}, 64), EFAULT);  // fewer words than the bits say
-}
-
-TEST_F(DriverLogic, EngineMaskPlacesSixteenUnitsPerEngine) {
-  Words units{};
-  units[0] = 0x00018001;  // units 0, 15, 16
-  units[3] = 0x80000000;  // unit 127, the last one with an engine
-  units[4] = 0x1;         // unit 128 has none
-  Words se = EngineMask(units);
-  EXPECT_EQ(se[0], 0x8001u);
-  EXPECT_EQ(se[1], 0x1u);
-  EXPECT_EQ(se[7], 0x8000u);
 }
 
 TEST_F(DriverLogic, DestroyedInstanceLeavesRunningConnectionsConsistent) {

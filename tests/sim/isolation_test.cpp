@@ -261,46 +261,6 @@ TEST(Launcher, StartsWithoutTheHostsConfigurationAndKeepsHomeWhenAsked) {
   EXPECT_FALSE(Exists(flag));
 }
 
-TEST(Launcher, WorksFromADirectoryTheSandboxCovers) {
-  // An install under /tmp: the sandbox's own /tmp hides it, yet the device and ctl work.
-  char dir[] = "/tmp/vdx-sim-install-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  std::string d = dir, bin = VDX_SIM_BIN;
-  std::string lib = bin.substr(0, bin.rfind('/')) + "/libvdxsim_preload.so";
-  ASSERT_EQ(std::system(("cp " + bin + " " + lib + " " + d).c_str()), 0);
-  Child c = Start({d + "/vdx-sim", "--", "/bin/sh", "-c",
-                   "exec 3<>/dev/mkfd && vdx-sim ctl dump | grep -c '^connection 1 '"});
-  std::string line = ReadLine(c.out);
-  close(c.out);
-  int status = 0;
-  waitpid(c.pid, &status, 0);
-  std::system(("rm -rf " + d).c_str());
-  EXPECT_EQ(line, "1");
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
-
-TEST(Launcher, RunsACommandThatLivesUnderTmp) {
-  // A checkout or build tree under /tmp stays reachable (by absolute path and as the
-  // working directory) while the rest of the host's /tmp stays hidden.
-  char dir[] = "/tmp/vdx-sim-command-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string d = dir;
-  ASSERT_EQ(std::system(("cp /bin/cat " + d + "/mycat && echo seen > " + d + "/file").c_str()), 0);
-  const std::string sibling = d + "-sibling";
-  ASSERT_EQ(mkdir(sibling.c_str(), 0755), 0);
-  std::string out;
-  EXPECT_EQ(Sim({"--", d + "/mycat", d + "/file"}, &out), 0);
-  EXPECT_EQ(out, "seen\n");
-  // From the working directory, writing into it; a sibling under /tmp stays hidden.
-  const std::string script = "./mycat file > result && test ! -e " + sibling + " && echo hidden >> result";
-  EXPECT_EQ(std::system(("cd " + d + " && " VDX_SIM_BIN " -- /bin/sh -c '" + script + "'").c_str()), 0);
-  std::ifstream result(d + "/result");
-  std::stringstream text;
-  text << result.rdbuf();
-  EXPECT_EQ(text.str(), "seen\nhidden\n");
-  std::system(("rm -rf " + d + " " + sibling).c_str());
-}
-
 TEST(Launcher, OrdinaryUserIsRootInside) {
   Child c;
   int p[2];

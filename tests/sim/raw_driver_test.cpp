@@ -195,94 +195,6 @@ TEST_F(RawDriver, RunModeHoldsReferencesWhileTheConnectionLives) {
   EXPECT_EQ(Call(fd_, MKFD_IOC_SET_PROCESS_MODE, &m), ENOENT);
 }
 
-TEST_F(RawDriver, BusyUnitsWavesAndMemory) {
-  ASSERT_EQ(Ctl({"busy", std::to_string(kGpu0), "0x7f", "0", "0", "0", "0", "0", "0", "0x1"}), 0);
-  mkfd_ioctl_get_cu_busy_args b{};
-  b.gpu_id = kGpu0;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_CU_BUSY, &b), 0);
-  EXPECT_EQ(b.se_mask[0], 0x7fu);
-  EXPECT_EQ(b.se_mask[7], 0x1u);
-
-  // One wave per busy unit: 8 waves of 32 bytes, 96 with registers.
-  std::vector<uint8_t> buf(4096, 0xee);
-  mkfd_ioctl_get_wave_info_args w{};
-  w.gpu_id = kGpu0;
-  w.buffer = reinterpret_cast<uintptr_t>(buf.data());
-  w.buffer_size = buf.size();
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_WAVE_INFO, &w), 0);
-  EXPECT_EQ(w.wave_count, 8u);
-  uint32_t cu_of_last = 0;
-  std::memcpy(&cu_of_last, buf.data() + 7 * 32 + 4, 4);
-  EXPECT_EQ(cu_of_last, 112u);  // engine 7, unit 0
-  EXPECT_EQ(buf[8 * 32], 0xee);
-  w.gpr = 1;
-  w.buffer_size = 3 * 96 + 50;  // room for three whole waves
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_WAVE_INFO, &w), 0);
-  EXPECT_EQ(w.wave_count, 3u);
-  w.buffer = 16;  // not the caller's memory
-  EXPECT_EQ(Call(fd_, MKFD_IOC_GET_WAVE_INFO, &w), EFAULT);
-
-  mkfd_ioctl_get_available_mem_size_args a{};
-  a.gpu_id = kGpu0;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_AVAILABLE_MEM, &a), 0);
-  EXPECT_EQ(a.available, kGpu0Vram);
-  ASSERT_EQ(CreateVgpu(fd_, kGpu0, 2, {1, 0, 0, 0}, 3ull << 30), 0);
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_AVAILABLE_MEM, &a), 0);
-  EXPECT_EQ(a.available, kGpu0Vram - (3ull << 30));
-  ASSERT_EQ(Ctl({"available", std::to_string(kGpu0), "1000"}), 0);
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_AVAILABLE_MEM, &a), 0);
-  EXPECT_EQ(a.available, 1000u);
-
-  ASSERT_EQ(Ctl({"usage", std::to_string(kGpu0), "2", "12345"}), 0);
-  ASSERT_EQ(Ctl({"refcount", std::to_string(kGpu0), "2", "5"}), 0);
-  mkfd_ioctl_query_vgpu_info_args q;
-  std::array<uint32_t, 8> mask;
-  ASSERT_EQ(QueryVgpu(fd_, kGpu0, 2, &q, &mask), 0);
-  EXPECT_EQ(q.vram_usage, 12345u);
-  EXPECT_EQ(q.refcount, 5u);
-}
-
-TEST_F(RawDriver, RegistersPasidAndCodecs) {
-  mkfd_ioctl_regs_op_args r{};
-  r.gpu_id = kGpu1;
-  r.reg = 0x2004;
-  r.value = 0xcafe;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_REGS_OP, &r), 0);
-  r.use_bank = true;  // a banked copy of the same register is distinct
-  r.se_bank = 1;
-  r.read = true;
-  r.value = 1;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_REGS_OP, &r), 0);
-  EXPECT_EQ(r.value, 0u);
-  r.use_bank = false;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_REGS_OP, &r), 0);
-  EXPECT_EQ(r.value, 0xcafeu);
-  r.gpu_id = kGpu0;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_REGS_OP, &r), 0);
-  EXPECT_EQ(r.value, 0u);
-
-  ASSERT_EQ(Ctl({"pasid", std::to_string(kGpu1), "3", "0x8001"}), 0);
-  mkfd_ioctl_atc_vmid_pasid_mapping_info_args p{};
-  p.gpu_id = kGpu1;
-  p.vmid = 3;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_VMID_PASID_MAPPING, &p), 0);
-  EXPECT_EQ(p.pasid, 0x8001u);
-  p.vmid = 16;
-  EXPECT_EQ(Call(fd_, MKFD_IOC_VMID_PASID_MAPPING, &p), EINVAL);
-
-  ASSERT_EQ(Ctl({"codec", std::to_string(kGpu0), "dec", "3"}), 0);
-  mkfd_ioctl_get_codec_busy_args c{};
-  c.gpu_id = kGpu0;
-  c.is_dec = true;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_CODEC_BUSY, &c), 0);
-  EXPECT_EQ(c.busy_instance, 3u);
-  EXPECT_EQ(c.total_instance, 4u);
-  c.is_dec = false;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_GET_CODEC_BUSY, &c), 0);
-  EXPECT_EQ(c.busy_instance, 0u);
-  EXPECT_EQ(c.total_instance, 2u);
-}
-
 TEST_F(RawDriver, ServiceSocketFromTheDriver) {
   mkfd_ioctl_create_zouds_conn_args z{};
   ASSERT_EQ(Call(fd_, MKFD_IOC_CREATE_ZOUDS_CONN, &z), 0);
@@ -360,63 +272,6 @@ TEST_F(RawDriver, ForkedChildUsesTheInheritedDescriptor) {
   EXPECT_EQ(dump.find("connection 2"), std::string::npos) << dump;
 }
 
-TEST_F(RawDriver, ChildKeepsTheDeviceThatTheParentClosed) {
-  int go[2];
-  ASSERT_EQ(pipe(go), 0);
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    char c;
-    close(go[1]);
-    bool ok = read(go[0], &c, 1) == 1 && CreateVgpu(fd_, kGpu1, 2, {1, 0, 0, 0}) == 0;
-    _exit(ok ? 0 : 1);
-  }
-  close(go[0]);
-  close(fd_);  // the child's copy keeps the connection
-  fd_ = -1;
-  ASSERT_EQ(write(go[1], "x", 1), 1);
-  close(go[1]);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
-
-TEST_F(RawDriver, InheritedDescriptorCanBeRefused) {
-  ASSERT_EQ(Ctl({"inherited", "ebadf"}), 0);
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    mkfd_ioctl_get_cu_busy_args b{};
-    b.gpu_id = kGpu0;
-    bool refused = Call(fd_, MKFD_IOC_GET_CU_BUSY, &b) == EBADF;
-    int own = OpenDevice();  // a fresh open of its own is fine
-    _exit(refused && own >= 0 && Call(own, MKFD_IOC_GET_CU_BUSY, &b) == 0 ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  mkfd_ioctl_get_cu_busy_args b{};
-  b.gpu_id = kGpu0;
-  EXPECT_EQ(Call(fd_, MKFD_IOC_GET_CU_BUSY, &b), 0);  // the parent's own use is unaffected
-}
-
-TEST_F(RawDriver, DuplicateOutlivesTheOriginal) {
-  ASSERT_EQ(CreateVgpu(fd_, kGpu0, 0, {1, 0, 0, 0}), 0);
-  mkfd_ioctl_set_process_mode_args m{};
-  m.mode = KFD_PROCESS_VGPU_MODE;
-  m.gpu_id = kGpu0;
-  m.indentifier = 1;
-  ASSERT_EQ(Call(fd_, MKFD_IOC_SET_PROCESS_MODE, &m), 0);
-  int dup_fd = fcntl(fd_, F_DUPFD_CLOEXEC, 50);
-  ASSERT_GE(dup_fd, 50);
-  close(fd_);  // as a shell does after a redirection: the device stays open
-  fd_ = dup_fd;
-  mkfd_ioctl_query_vgpu_info_args q;
-  std::array<uint32_t, 8> mask;
-  ASSERT_EQ(QueryVgpu(fd_, kGpu0, 0, &q, &mask), 0);
-  EXPECT_EQ(q.refcount, 2u);  // still attached through the same connection
-}
-
 TEST_F(RawDriver, TwoProcessesShareTheDriverState) {
   ASSERT_EQ(CreateVgpu(fd_, kGpu0, 0, {0x3, 0, 0, 0}), 0);
   // What `vdx-sim ctl dump` shows a person is the state the device holds.
@@ -475,42 +330,6 @@ TEST_F(RawDriver, SysfsFollowsTheState) {
   mkfd_ioctl_destroy_group_args dg{0x1a2b3c4d5eull};
   ASSERT_EQ(Call(fd_, MKFD_IOC_DESTROY_GROUP, &dg), 0);
   EXPECT_TRUE(ListDir(group).empty());
-
-  // The topology as the description gives it: CPU node first, accelerators after.
-  const std::string nodes = std::string(kKfd) + "/topology/nodes";
-  EXPECT_EQ(ListDir(nodes), (std::vector<std::string>{"0", "1", "2"}));
-  EXPECT_EQ(ReadText(nodes + "/0/gpu_id"), "0\n");
-  EXPECT_EQ(ReadText(nodes + "/2/gpu_id"), std::to_string(kGpu1) + "\n");
-  std::string props = ReadText(nodes + "/1/properties");
-  EXPECT_NE(props.find("\nsimd_count 240\n"), std::string::npos);
-  EXPECT_NE(props.find("\nvendor_id 11888\n"), std::string::npos);
-  EXPECT_NE(ReadText(nodes + "/1/mem_banks/0/properties").find("size_in_bytes 34359738368\n"),
-            std::string::npos);
-}
-
-TEST(RawWorld, ModuleStateAndConfigurationStore) {
-  EXPECT_EQ(ReadText("/sys/module/zocu/initstate"), "live\n");
-  ASSERT_EQ(Ctl({"module", "coming"}), 0);
-  EXPECT_EQ(ReadText("/sys/module/zocu/initstate"), "coming\n");
-  ASSERT_EQ(Ctl({"module", "absent"}), 0);
-  EXPECT_EQ(ReadText("/sys/module/zocu/initstate"), "<missing>");
-
-  auto write_etc = [](const char* path) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return errno;
-    int err = write(fd, "vdev\n", 5) == 5 ? 0 : errno;
-    close(fd);
-    return err;
-  };
-  EXPECT_EQ(write_etc("/etc/vdx-sim-probe"), 0);
-  ASSERT_EQ(Ctl({"etc", "ro"}), 0);
-  EXPECT_EQ(write_etc("/etc/vdx-sim-probe"), EROFS);
-  ASSERT_EQ(Ctl({"etc", "rw"}), 0);
-  ASSERT_EQ(Ctl({"etc", "full"}), 0);
-  EXPECT_EQ(write_etc("/etc/vdx-sim-other"), ENOSPC);
-  ASSERT_EQ(Ctl({"etc", "space"}), 0);
-  EXPECT_EQ(write_etc("/etc/vdx-sim-other"), 0);
-  EXPECT_EQ(ReadText("/etc/vdx-sim-other"), "vdev\n");
 }
 
 }  // namespace

@@ -100,18 +100,6 @@ TEST_F(Podman, AContainerSeesExactlyItsVirtualDevice) {
   EXPECT_NE(files.exit, 0);
 }
 
-TEST_F(Podman, TwoTogetherAndAll) {
-  TwoVirtualDevices();
-  Daemon daemon;
-  ASSERT_TRUE(Within([] { return Instances().size() == 2; }));
-  for (const auto& devices : {std::vector<std::string>{"0", "1"}, std::vector<std::string>{"all"}}) {
-    const json seen = DevicesSeenBy(devices);
-    ASSERT_EQ(seen.size(), 2u) << devices[0] << ": " << seen;
-    EXPECT_EQ(seen[0]["compute_units"], 8);
-    EXPECT_EQ(seen[1]["compute_units"], 4);
-  }
-}
-
 // Podman itself refuses a name the CDI file does not define, before any container runs.
 TEST_F(Podman, AnUnknownDeviceIsRefusedByPodman) {
   TwoVirtualDevices();

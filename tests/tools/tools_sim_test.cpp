@@ -40,41 +40,6 @@ namespace {
 using nlohmann::json;
 using namespace vdxtest;
 
-TEST(Vdxctl, DevicesInEveryFormat) {
-  const json j = JsonOf("devices");
-  EXPECT_EQ(j["schema"], 1);
-  ASSERT_EQ(j["devices"].size(), 2u);
-  const json& first = j["devices"][0];
-  EXPECT_EQ(first["name"], "ZO XC-100 32G");
-  EXPECT_EQ(first["compute_units"], 60);
-  EXPECT_EQ(first["memory_bytes"], 34359738368ull);
-  EXPECT_EQ(first["remaining_compute_units"], 60);
-  EXPECT_EQ(first["busy_percent"], 0);
-  // The driver says the same.
-  EXPECT_TRUE(Has(Dump(), "gpu 21735 node 1 cu 60 vram 34359738368"));
-
-  const Result table = Vdxctl("devices");
-  EXPECT_EQ(table.exit, 0);
-  EXPECT_EQ(table.out.substr(0, table.out.find('\n')),
-            "device  name           units  memory_mib  used_mib  free_units  free_mib  "
-            "busy_percent");
-  EXPECT_TRUE(Has(table.out, "1       ZO XC-200      64     16384"));
-  // CSV has the JSON's field names.
-  const Result csv = Vdxctl("--format csv devices");
-  EXPECT_EQ(csv.out,
-            "index,name,compute_units,memory_bytes,memory_used_bytes,remaining_compute_units,"
-            "remaining_memory_bytes,busy_percent\n"
-            "0,ZO XC-100 32G,60,34359738368,0,60,34359738368,0\n"
-            "1,ZO XC-200,64,17179869184,0,64,17179869184,0\n");
-  // One device asked for; one that does not exist is a usage error.
-  EXPECT_EQ(Vdxctl("--format csv devices 1").out,
-            "index,name,compute_units,memory_bytes,memory_used_bytes,remaining_compute_units,"
-            "remaining_memory_bytes,busy_percent\n"
-            "1,ZO XC-200,64,17179869184,0,64,17179869184,0\n");
-  EXPECT_EQ(Vdxctl("devices 2").exit, 2);
-  EXPECT_TRUE(Has(Vdxctl("--version").out, "vdxctl 1.0.0")) << Vdxctl("--version").out;
-}
-
 TEST(Vdxctl, CreateUpdateDestroy) {
   Result r = Vdxctl("create 0 --units 8,4 --memory 1024,2048");
   ASSERT_EQ(r.exit, 0) << r.err;

@@ -29,36 +29,6 @@ using testing_support::OpenDescriptorCount;
 using testing_support::ReadFile;
 using testing_support::ScratchDir;
 
-TEST(FileHelpers, ExistenceAndTimestamps) {
-  ScratchDir dir;
-  const std::string file = dir / "f";
-  EXPECT_FALSE(IsFileExist(""));
-  EXPECT_FALSE(IsDirectoryExist(""));
-  EXPECT_FALSE(IsFileExist(file));
-  ASSERT_TRUE(WriteTextFile(dir.path(), "f", "", false));
-  EXPECT_TRUE(IsFileExist(file));
-  EXPECT_FALSE(IsDirectoryExist(file));
-  EXPECT_TRUE(IsFileExist(dir.path()));
-  EXPECT_TRUE(IsDirectoryExist(dir.path()));
-
-  struct utimbuf times = {1000, 123456};
-  ASSERT_EQ(utime(file.c_str(), &times), 0);
-  long atime = -1, ctime = -1;
-  unsigned long mtime = 0;
-  ASSERT_TRUE(GetTimestamp(file, &atime, &mtime, &ctime));
-  EXPECT_EQ(atime, 1000);
-  EXPECT_EQ(mtime, 123456u);
-  EXPECT_GT(ctime, 123456);
-  EXPECT_TRUE(GetTimestamp(file, nullptr, &mtime, nullptr));
-
-  long untouched_a = 7, untouched_c = 8;
-  unsigned long untouched_m = 9;
-  EXPECT_FALSE(GetTimestamp(dir / "missing", &untouched_a, &untouched_m, &untouched_c));
-  EXPECT_EQ(untouched_a, 7);
-  EXPECT_EQ(untouched_m, 9u);
-  EXPECT_EQ(untouched_c, 8);
-}
-
 TEST(FileHelpers, CreateDirectoryMakesEveryLevel) {
   ScratchDir dir;
   const std::string deep = dir / "a/b/c";
@@ -205,23 +175,6 @@ int TryLock(const std::string& path, int type, bool non_blocking) {
   }
 }
 
-TEST(FileLocker, RefusesABadTypeBeforeTouchingTheFile) {
-  ScratchDir dir;
-  const std::string path = dir / "lock";
-  for (int type : {0, 3, 4, -1}) {
-    try {
-      FileLocker lock(path, type, false);
-      FAIL() << "type " << type << " was accepted";
-    } catch (const FileLocker::LockTypeError& e) {
-      EXPECT_STREQ(e.what(), "\033[31minvalid\033[0m input lock_type parameter");
-    }
-  }
-  EXPECT_FALSE(IsFileExist(path));
-
-  FileLocker lock(path, FileLocker::kShared, false);
-  EXPECT_THROW(lock.ChangeLockType(3, false), FileLocker::LockTypeError);
-}
-
 TEST(FileLocker, CreatesTheLockFileReadableByEveryone) {
   ScratchDir dir;
   const std::string path = dir / "lock";
@@ -329,76 +282,6 @@ TEST(FileLocker, RefusesLinksAndFilesThatAreNotRegular) {
   ASSERT_EQ(unlink(planted.c_str()), 0);
   ASSERT_TRUE(CreateDirectory(planted));
   EXPECT_THROW(FileLocker(planted, FileLocker::kShared, false), FileLocker::OpenLockFileError);
-}
-
-TEST(FileLocker, AnExistingLockFileKeepsItsContentAndMode) {
-  ScratchDir dir;
-  ASSERT_TRUE(WriteTextFile(dir.path(), "lock", "someone's notes", false));
-  ASSERT_EQ(chmod((dir / "lock").c_str(), 0640), 0);
-  {
-    FileLocker lock(dir / "lock", FileLocker::kExclusive, false);
-  }
-  EXPECT_EQ(ReadFile(dir / "lock"), "someone's notes");
-  struct stat st;
-  ASSERT_EQ(stat((dir / "lock").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0640u);
-}
-
-// The umask is process-wide: while a lock file is being made, files that other threads
-// create must still get their usual modes.
-TEST(FileLocker, LeavesTheUmaskOfOtherThreadsAlone) {
-  ScratchDir dir;
-  const mode_t old_mask = umask(022);
-  std::atomic<bool> stop{false};
-  std::atomic<int> wrong_modes{0};
-  std::thread creator([&] {
-    for (int i = 0; !stop; ++i) {
-      const std::string path = dir / ("file" + std::to_string(i % 16));
-      const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-      struct stat st;
-      if (fd >= 0 && fstat(fd, &st) == 0 && (st.st_mode & 0777) != 0644) ++wrong_modes;
-      if (fd >= 0) close(fd);
-      unlink(path.c_str());
-    }
-  });
-  for (int i = 0; i < 3000; ++i) {
-    const std::string path = dir / ("lock" + std::to_string(i));
-    FileLocker lock(path, FileLocker::kShared, false);
-  }
-  stop = true;
-  creator.join();
-  umask(old_mask);
-  EXPECT_EQ(wrong_modes, 0);
-}
-
-TEST(FileLocker, ABlockingRequestWaitsForTheHolder) {
-  ScratchDir dir;
-  const std::string path = dir / "lock";
-  auto held = std::make_unique<FileLocker>(path, FileLocker::kExclusive, false);
-  int done[2];
-  ASSERT_EQ(pipe(done), 0);
-  const pid_t waiter = fork();
-  if (waiter == 0) {
-    close(done[0]);
-    const int result = TryLock(path, FileLocker::kExclusive, false);
-    char c = static_cast<char>(result);
-    if (write(done[1], &c, 1) != 1) _exit(1);
-    _exit(0);
-  }
-  close(done[1]);
-  // While the lock is held the waiter must not get through.
-  struct timeval wait_for = {0, 300000};
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(done[0], &readable);
-  EXPECT_EQ(select(done[0] + 1, &readable, nullptr, nullptr, &wait_for), 0);
-  held.reset();
-  char c = 0;
-  ASSERT_EQ(read(done[0], &c, 1), 1);
-  EXPECT_EQ(c, kLocked);
-  int status;
-  ASSERT_EQ(waitpid(waiter, &status, 0), waiter);
-  close(done[0]);
 }
 
 TEST(FileLocker, OpenFailuresThrowAndLeakNothing) {

@@ -32,49 +32,6 @@ class LoggerTest : public testing::Test {
   void TearDown() override { utils::SetLogLevel(utils::kLogInfo); }
 };
 
-TEST_F(LoggerTest, LevelsByNameAndByValue) {
-  const std::pair<const char*, utils::LogLevel> names[] = {
-      {"warning", utils::kLogWarning}, {"debug", utils::kLogDebug}, {"trace", utils::kLogTrace},
-      {"none", utils::kLogNone},       {"info", utils::kLogInfo},   {"error", utils::kLogInfo},
-      {"Debug", utils::kLogInfo},      {"", utils::kLogInfo},       {"debug ", utils::kLogInfo},
-  };
-  for (const auto& [name, level] : names) {
-    utils::SetLogLevel(utils::kLogTrace);
-    utils::SetLogLevel(std::string(name));
-    EXPECT_EQ(utils::GetLogLevel(), level) << "'" << name << "'";
-  }
-  const std::pair<int, utils::LogLevel> values[] = {
-      {0, utils::kLogNone}, {1, utils::kLogInfo}, {2, utils::kLogWarning}, {3, utils::kLogInfo},
-      {4, utils::kLogDebug}, {5, utils::kLogTrace}, {6, utils::kLogInfo}, {7, utils::kLogInfo},
-      // Numbers from the environment may be anything; the sanitizer build checks that an
-      // unknown one is a value of the type and not undefined behaviour.
-      {42, utils::kLogInfo}, {-1, utils::kLogInfo}, {INT_MAX, utils::kLogInfo},
-      {INT_MIN, utils::kLogInfo},
-  };
-  for (const auto& [value, level] : values) {
-    utils::SetLogLevel(utils::kLogTrace);
-    utils::SetLogLevel(static_cast<utils::LogLevel>(value));
-    EXPECT_EQ(utils::GetLogLevel(), level) << value;
-  }
-}
-
-TEST_F(LoggerTest, TheDefaultLevelShowsInformationWarningsAndErrors) {
-  const LogOutput c = Capture([] {
-    LOG_DEBUG("[%s] hidden %d\n", "f", 1);
-    LOG_INFO("[%s] plain %d\n", "f", 2);
-    LOG_WARNING("[%s] careful %d\n", "f", 3);
-    LOG_ERROR("[%s] broken %d\n", "f", 4);
-  });
-  // Information carries no time stamp; the colour prefix comes before the time stamp.
-  EXPECT_TRUE(std::regex_match(
-      c.out, std::regex(std::string("\\[f\\] plain 2\n") + "\033\\[31mWarning\033\\[0m: " +
-                        kStamp + "\\[f\\] careful 3\n")))
-      << c.out;
-  EXPECT_TRUE(std::regex_match(
-      c.err, std::regex(std::string("\033\\[31mError\033\\[0m: ") + kStamp + "\\[f\\] broken 4\n")))
-      << c.err;
-}
-
 TEST_F(LoggerTest, LevelsFilterMessages) {
   utils::SetLogLevel("warning");
   LogOutput c = Capture([] {
@@ -119,11 +76,6 @@ TEST_F(LoggerTest, TraceAddsTheSourceFileAndLine) {
                         std::to_string(line + 1) + "\\] \\[f\\] warn\n" + where +
                         std::to_string(line + 2) + "\\] \\[f\\] note\n")))
       << c.out;
-}
-
-TEST_F(LoggerTest, PrintOfAFinishedStringStillInterpretsPercent) {
-  const LogOutput c = Capture([] { utils::Print(utils::kLogInfo, std::string("100%% done\n")); });
-  EXPECT_EQ(c.out, "100% done\n");
 }
 
 TEST_F(LoggerTest, TheLogFileGetsACopyOfEveryMessage) {

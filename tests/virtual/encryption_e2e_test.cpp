@@ -31,14 +31,6 @@ bool Read(bool start, vdxStatus expected = VDX_STATUS_SUCCESS) {
   return value;
 }
 
-TEST(EncryptionFlag, AbsentMeansNotEncrypted) {
-  struct stat st;
-  ASSERT_NE(stat(FlagDir().c_str(), &st), 0) << "the private home starts without the flag";
-  EXPECT_FALSE(Read(true));
-  mkdir(FlagDir().c_str(), 0700);  // the directory without the file
-  EXPECT_FALSE(Read(true));
-}
-
 TEST(EncryptionFlag, WrittenAsOneLineAndReadBack) {
   EXPECT_EQ(vdxSetEncryptionVMStatus(true), VDX_STATUS_SUCCESS);
   EXPECT_EQ(e2e::ReadAll(FlagFile()), "encryption: 1\n");
@@ -76,11 +68,6 @@ TEST(EncryptionFlag, AnUnreadableFileMeansNotEncrypted) {
   ASSERT_EQ(chmod(FlagFile().c_str(), 0), 0);
   DropFileReadOverride();
   EXPECT_FALSE(Read(true));
-}
-
-TEST(EncryptionFlag, AKeyWithoutAValueIsAnErrorNotACrash) {
-  WriteFlag("encryption:\n");
-  Read(false, VDX_STATUS_INTERNAL_EXCEPTION);
 }
 
 TEST(EncryptionFlag, WorksWhileTheManagerCannotStart) {
