@@ -92,9 +92,13 @@ TEST(RunModes, VdevModeCreatesTheBoundInstances) {
   EXPECT_EQ(instance.vram_limit, 2048ull << 20);
   EXPECT_EQ(instance.cu_mask[0], 0xf00u);
 
-  // Another container's instance on that pipe is not taken over.
+  // Another container's instance on that pipe is not taken over; one the host made (no
+  // owner) is.
   peer.docker_id() = 0xbad;
   EXPECT_EQ(peer.RunVdevMode(), VDX_STATUS_ERROR);
+  ASSERT_EQ(dmkfdDestroyVdev(0, 2), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdCreateVdev(0, 1, 2, 0, 2048ull << 20, 128, instance.cu_mask), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(peer.RunVdevMode(), VDX_STATUS_SUCCESS);
 }
 
 TEST(RunModes, GroupModeCreatesTheContainersGroup) {

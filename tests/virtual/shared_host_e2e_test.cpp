@@ -223,6 +223,20 @@ TEST(Freshness, OnTheSandboxesEtcForAnUnprivilegedReader) {
   ExpectNoStaleAnswer(CanDropPrivileges() ? kNobody : 0, 300);
 }
 
+TEST(Freshness, TheGenerationShowsWhatTheDirectorysStampHides) {
+  // A change that leaves the directory's time stamp where it was (a clock set back, a restore)
+  // is still seen: the generation moved.
+  Peer changer;
+  Peer querier(0);
+  const struct timespec long_ago[2] = {{1000000000, 0}, {1000000000, 0}};
+  ASSERT_EQ(changer.Call("create 0 100"), 0);
+  ASSERT_EQ(utimensat(AT_FDCWD, "/etc/vdev", long_ago, 0), 0);
+  ASSERT_EQ(querier.Call("count"), 1);
+  ASSERT_EQ(changer.Call("create 0 101"), 0);
+  ASSERT_EQ(utimensat(AT_FDCWD, "/etc/vdev", long_ago, 0), 0);
+  EXPECT_EQ(querier.Call("count"), 2);
+}
+
 // Walks dir, opening every file it can and holding the strongest flock it gets on each.
 void LockEverything(const std::string& dir, std::vector<int>* held) {
   std::vector<std::string> names = rawsim::ListDir(dir);

@@ -178,6 +178,8 @@ TEST(Binding, ContainerFilesWithOwnUnitsGiveVdevMode) {
   e2e::ShowDebugLines();
   VdevFile mine;
   mine.vdev_id = 3;
+  mine.cu_count = 1;  // one unit of its own is not sharing
+  mine.mask_low = 0x1;
   WriteVdev(3, mine, true);
   const std::string out = Stdout([] {
     int count = -1;
