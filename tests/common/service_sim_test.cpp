@@ -24,23 +24,6 @@ void Sim(std::initializer_list<std::string> args) {
   ASSERT_EQ(vdxsim::SimControl(args, &out), 0) << out;
 }
 
-TEST(ServiceInSim, TheDriverHandsOverAConnectedSocket) {
-  const int before = OpenDescriptorCount();
-  int fd = -1;
-  ASSERT_TRUE(GetSocketByDriver(&fd));
-  ASSERT_GE(fd, 0);
-  EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-  // The driver is closed again; the socket alone is left, and it talks to the service.
-  EXPECT_EQ(OpenDescriptorCount(), before + 1);
-  Sim({"system-mode", "mig"});
-  SystemMode mode = SYSTEM_MODE_NONE;
-  EXPECT_TRUE(CheckSystemModeViaZomgr(mode, false, false, fd));
-  EXPECT_EQ(mode, SYSTEM_MODE_MIG);
-  EXPECT_GE(fcntl(fd, F_GETFD), 0) << "the caller's socket stays open";
-  DisconnectServer(&fd);
-  EXPECT_EQ(OpenDescriptorCount(), before);
-}
-
 TEST(ServiceInSim, QueriesWithTheirOwnConnectionLeaveNothingOpen) {
   ASSERT_TRUE(CheckDriverExist());
   const int before = OpenDescriptorCount();
@@ -71,18 +54,6 @@ TEST(ServiceInSim, FallsBackToTheAbstractSocketWhenTheDriverCannotConnect) {
   EXPECT_TRUE(CheckSystemModeViaZomgr(mode, false, false, fd));
   EXPECT_EQ(mode, SYSTEM_MODE_NONE);
   DisconnectServer(&fd);
-}
-
-TEST(ServiceInSim, ADeadModuleStopsTheQueries) {
-  Sim({"module", "going"});
-  EXPECT_FALSE(CheckDriverExist());
-  SystemMode mode = SYSTEM_MODE_MIG;
-  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, true, -1));
-  EXPECT_EQ(mode, SYSTEM_MODE_MIG);
-  // Without the driver asked for, the abstract socket still answers.
-  EXPECT_TRUE(CheckSystemModeViaZomgr(mode, false, false, -1));
-  Sim({"module", "absent"});
-  EXPECT_FALSE(CheckDriverExist());
 }
 
 TEST(ServiceInSim, MisbehaviourEndsInTheRightFailure) {

@@ -170,40 +170,6 @@ TEST_F(ClientTest, ADisconnectMidFrameFails) {
   }
 }
 
-TEST_F(ClientTest, SendsWellFormedRequests) {
-  ASSERT_EQ(SendCommand(CTYPE_GET_SYSTEM_MODE, nullptr, 0, client()), 0);
-  char data[4] = {1, 2, 3, 4};
-  ASSERT_EQ(SendCommand(CTYPE_GET_PROCESS_INFO, data, 4, client()), 0);
-  // Four bytes announced but none given: the frame keeps its length, the payload no meaning.
-  ASSERT_EQ(SendCommand(CTYPE_GET_PROCESS_INFO, nullptr, 4, client()), 0);
-  ASSERT_EQ(SendCommand(CTYPE_GET_PROCESS_INFO, data, -5, client()), 0);
-
-  std::string got(16 + 20 + 20 + 16, '\0');
-  size_t fill = 0;
-  while (fill < got.size()) {
-    const ssize_t n = recv(fds_[1], &got[fill], got.size() - fill, 0);
-    ASSERT_GT(n, 0);
-    fill += static_cast<size_t>(n);
-  }
-  Command header;
-  memcpy(&header, got.data(), 16);
-  EXPECT_EQ(header.header, kCommandMagic);
-  EXPECT_EQ(std::string(got.data(), 4), "cmoz");
-  EXPECT_EQ(header.from_pid, getpid());
-  EXPECT_EQ(header.from_type, FROM_TYPE_SMI);
-  EXPECT_EQ(header.cmd_type, CTYPE_GET_SYSTEM_MODE);
-  EXPECT_EQ(header.data_size, 0);
-  memcpy(&header, got.data() + 16, 16);
-  EXPECT_EQ(header.cmd_type, CTYPE_GET_PROCESS_INFO);
-  EXPECT_EQ(header.data_size, 4);
-  EXPECT_EQ(got.substr(32, 4), std::string(data, 4));
-  memcpy(&header, got.data() + 36, 16);
-  EXPECT_EQ(header.data_size, 0);
-  memcpy(&header, got.data() + 56, 16);
-  EXPECT_EQ(header.data_size, 0);
-  EXPECT_EQ(header.header, kCommandMagic);
-}
-
 // The queries against a service the test runs in a private network namespace, where the
 // abstract socket name is free and nobody else can meet it.
 class QueryTest : public testing::Test {

@@ -243,24 +243,6 @@ TEST(Launcher, ConfigurationStoreFaults) {
             0);
 }
 
-TEST(Launcher, StartsWithoutTheHostsConfigurationAndKeepsHomeWhenAsked) {
-  // The outer sandbox plays a host with a configuration of its own.
-  std::string out;
-  EXPECT_EQ(Sim({"--", "/bin/sh", "-c",
-                 "mkdir /etc/vdev && touch /etc/vdev/vdev0.conf && "
-                 "vdx-sim -- sh -c 'test -e /etc/vdev && echo inner-sees-it'; ls /etc/vdev"},
-                &out),
-            0);
-  EXPECT_EQ(out, "vdev0.conf\n");
-
-  struct passwd* root = getpwuid(0);
-  ASSERT_NE(root, nullptr);
-  std::string flag = std::string(root->pw_dir) + "/.vdx-sim-home-" + std::to_string(getpid());
-  EXPECT_EQ(Sim({"--private-home", "--", "/bin/sh", "-c", "echo 1 > " + flag + " && cat " + flag}, &out), 0);
-  EXPECT_EQ(out, "1\n");
-  EXPECT_FALSE(Exists(flag));
-}
-
 TEST(Launcher, OrdinaryUserIsRootInside) {
   Child c;
   int p[2];

@@ -227,14 +227,6 @@ TEST(Vdxctl, EveryQueryInEveryFormat) {
   EXPECT_TRUE(Has(watch.out, "Z,device,0,")) << watch.out;
 }
 
-TEST(Vdxd, StartAndStopNeedTheService) {
-  ASSERT_EQ(Vdxctl("create 0 --count 1").exit, 0);
-  const Result r = Vdxctl("start 0");
-  EXPECT_EQ(r.exit, 3);
-  EXPECT_TRUE(Has(r.err, "the vdxd service is not running")) << r.err;
-  EXPECT_TRUE(Instances().empty());
-}
-
 TEST(Vdxd, KeepsTheConfigurationStarted) {
   ASSERT_EQ(Vdxctl("create 0 --units 8 --memory 1024").exit, 0);
   Daemon daemon;
@@ -633,55 +625,6 @@ TEST(Cdi, AllNamesWhatAContainerCanBindTogether) {
   for (const json& d : cdi["devices"]) mounts[d["name"]] = d["containerEdits"]["mounts"].size();
   EXPECT_EQ(mounts, (std::map<std::string, size_t>{
                         {"0", 1}, {"1", 1}, {"2", 1}, {"all-units", 1}, {"all-shared", 2}}));
-}
-
-// The CDI edits, applied as a runtime would (bind mounts in a mount namespace of its own),
-// give the process there exactly the chosen virtual device.
-TEST(Cdi, TheEditsBindAProcessToItsVirtualDevices) {
-  ASSERT_EQ(Vdxctl("create 0 --units 8,4 --memory 1024,2048").exit, 0);
-  // Parents that do not exist yet are made.
-  ASSERT_EQ(Vdxctl("cdi generate --output /tmp/cdi/spec/vdev.json").exit, 0);
-  const json cdi = json::parse(Slurp("/tmp/cdi/spec/vdev.json"));
-  // Device nodes by path and bind mounts without a type: the first tagged version has them.
-  EXPECT_EQ(cdi["cdiVersion"], "0.3.0");
-  EXPECT_EQ(cdi["kind"], "zovdx.dev/vdev");
-  ASSERT_EQ(cdi["devices"].size(), 3u);
-  EXPECT_EQ(cdi["devices"][2]["name"], "all");
-  EXPECT_EQ(cdi["devices"][2]["containerEdits"]["mounts"].size(), 2u);
-  const json& edits = cdi["devices"][1]["containerEdits"];
-  EXPECT_EQ(cdi["devices"][1]["name"], "1");
-  EXPECT_EQ(edits["deviceNodes"][0]["path"], "/dev/mkfd");
-  ASSERT_EQ(edits["mounts"].size(), 1u);
-
-  const pid_t child = fork();
-  if (child == 0) {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-      _exit(10);
-    mkdir("/etc/vdev/docker", 0755);
-    if (mount("tmpfs", "/etc/vdev/docker", "tmpfs", 0, nullptr) != 0) _exit(11);
-    for (const json& m : edits["mounts"]) {
-      const std::string target = m["containerPath"];
-      close(open(target.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-      if (mount(std::string(m["hostPath"]).c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0)
-        _exit(12);
-    }
-    const Result r = Vdxctl("--format json devices");
-    if (r.exit != 0) _exit(13);
-    const json j = json::parse(r.out);
-    if (j["devices"].size() != 1 || j["devices"][0]["compute_units"] != 4) _exit(14);
-    // Its busy percentage, of the one device it has.
-    const Result busy = Vdxctl("--format json busy");
-    if (busy.exit != 0 || json::parse(busy.out)["devices"].size() != 1 ||
-        !json::parse(busy.out)["virtual_devices"].empty())
-      _exit(16);
-    _exit(Vdxctl("create 0 --count 1").exit == 106 ? 0 : 15);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0)
-      << "13: the tool failed, 14: not bound to exactly the chosen device, 15: not refused, "
-         "16: busy failed or showed more than the container's device";
 }
 
 }  // namespace

@@ -175,21 +175,6 @@ int TryLock(const std::string& path, int type, bool non_blocking) {
   }
 }
 
-TEST(FileLocker, CreatesTheLockFileReadableByEveryone) {
-  ScratchDir dir;
-  const std::string path = dir / "lock";
-  const mode_t old_mask = umask(077);
-  {
-    FileLocker lock(path, FileLocker::kExclusive, false);
-    EXPECT_TRUE(testing_support::OpenOnlyCloseOnExec(path));
-  }
-  const mode_t mask_after = umask(old_mask);
-  EXPECT_EQ(mask_after, 077u) << "the caller's umask must be restored";
-  struct stat st;
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0666u);
-}
-
 TEST(FileLocker, ExcludesOtherProcesses) {
   ScratchDir dir;
   const std::string path = dir / "lock";

@@ -73,25 +73,6 @@ TEST(Process, TheTimeOutBoundsSilenceNotRunTime) {
   EXPECT_NE(process.GetOutputString().find("tick 9\n"), std::string::npos);
 }
 
-TEST(Process, CreateWhileAChildRunsStartsNothing) {
-  Process process;
-  ASSERT_EQ(process.Create(kHelper + " sleep 20000"), utils::PROCESS_SUCCESS);
-  EXPECT_TRUE(process.IsRunning());
-  EXPECT_EQ(process.Create(kHelper + " exit 0"), utils::PROCESS_RUNNING);
-  EXPECT_EQ(ChildCount(), 1);
-  process.Kill();
-  // A child killed by SIGKILL counts as a normal end.
-  EXPECT_EQ(process.Wait(0), utils::PROCESS_SUCCESS);
-  EXPECT_FALSE(process.IsRunning());
-  EXPECT_EQ(ChildCount(), 0);
-
-  // IsRunning must not swallow the exit status of a finished child.
-  ASSERT_EQ(process.Create(kHelper + " exit 4"), utils::PROCESS_SUCCESS);
-  while (process.IsRunning()) usleep(1000);
-  EXPECT_EQ(process.Wait(0), utils::PROCESS_ERROR);
-  EXPECT_EQ(process.GetExitCode(), 4);
-}
-
 TEST(Process, LeavesNoZombieBehind) {
   {
     Process abandoned;
@@ -129,24 +110,6 @@ TEST(Process, TheChildInheritsNoStrayDescriptors) {
   // now being the pipe), plus the directory that ls itself opens to list.
   const int stdout_stderr_if_closed = (fcntl(1, F_GETFD) < 0) + (fcntl(2, F_GETFD) < 0);
   EXPECT_EQ(listed, inheritable + stdout_stderr_if_closed + 1) << process.GetOutputString();
-}
-
-// A daemon may run with its standard input and output closed; the pipe then comes back as
-// descriptors 0 and 1, which must neither confuse the child's output nor Wait.
-TEST(Process, WorksWithTheStandardDescriptorsClosed) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(STDIN_FILENO);
-    close(STDOUT_FILENO);
-    Process process;
-    if (process.Execute(kHelper + " emit 12", 2000) != utils::PROCESS_SUCCESS) _exit(1);
-    if (process.GetOutputString() != "012345678901") _exit(2);
-    _exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the run failed, 2: the output was wrong";
 }
 
 // A child that somebody else reaped has given its pid back; the owner going away must not

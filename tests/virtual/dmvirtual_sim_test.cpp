@@ -164,51 +164,6 @@ TEST(RunModes, AGroupIsRefusedBesideInstancesOrBeyondTheDevicesMemory) {
   EXPECT_EQ(dm.DestroyProcessGroup(), VDX_STATUS_NOT_SUPPORTED);
 }
 
-// At exit the manager destroys the instances its process created, closes the driver and
-// frees its devices; a manager that never started (or a forked child's copy) touches none
-// of it.
-TEST(Lifetime, OnlyTheStartingProcessTearsDown) {
-  ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
-  ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);
-  uint32_t mask[4] = {0xff, 0, 0, 0};
-  ASSERT_EQ(dmkfdCreateVdev(0, 1, 1, 0, 1ull << 30, 128, mask), VDX_STATUS_SUCCESS);
-  ASSERT_EQ(dmkfdCreateVdev(1, 2, 2, 0, 1ull << 30, 128, mask), VDX_STATUS_SUCCESS);
-  {
-    Dmvirtual never_started;
-    DmvirtualPeer peer(never_started);
-    peer.created().push_back({0, 1});
-  }
-  dmkfdVdevInfo info{};
-  EXPECT_EQ(dmkfdQueryVdevInfo(0, 1, &info), VDX_STATUS_SUCCESS) << "an unstarted manager destroyed";
-  EXPECT_EQ(MkfdInterface::mkfd_singleton_->OpenCount(), 1) << "an unstarted manager closed";
-
-  // A child starts its own manager, claims both instances and exits: its exit destroys
-  // them. (The test's own connection is closed first: a manager does not start in a process
-  // where the device is already open.)
-  EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
-  fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (vdxGetMaxVDeviceCount(nullptr) != VDX_STATUS_INVALID_ARGUMENTS) _exit(10);
-    DmvirtualPeer peer(Dmvirtual::Instance());
-    // The last was never made: its failure is logged.
-    for (const auto& [device, pipe] : std::vector<std::pair<int, int>>{{0, 1}, {1, 2}, {1, 3}})
-      peer.RecordInstance(device, pipe);
-    exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
-  ASSERT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(dmkfdQueryVdevInfo(0, 1, &info), VDX_STATUS_QUERY_VDEV_INFO_FAILED);
-  EXPECT_EQ(dmkfdQueryVdevInfo(1, 2, &info), VDX_STATUS_QUERY_VDEV_INFO_FAILED);
-  EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
-}
-
 // Start and stop take lists: ids in ascending order whatever the order asked, duplicates once,
 // nothing at all when an id is unknown, and the process bound to what it started.
 TEST(StartStop, ListsOfIds) {

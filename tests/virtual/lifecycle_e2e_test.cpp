@@ -328,35 +328,6 @@ TEST(Queries, CountAndInformationWithoutGroups) {
   EXPECT_TRUE(Has(out, "] [GetVirtualDeviceInfo] Virtual device(5) not exist.")) << out;
 }
 
-// A query whose configuration has not changed reads no file again: new content behind an
-// unchanged time stamp is not seen; a newer time stamp is.
-TEST(Queries, AnUnchangedConfigurationIsNotReadAgain) {
-  ASSERT_EQ(Create(0, {4}, {1024}), VDX_STATUS_SUCCESS);
-  const std::string path = "/etc/vdev/vdev0.conf";
-  struct utimbuf past = {1000000, 1000000};
-  ASSERT_EQ(utime(path.c_str(), &past), 0);
-  // A directory stamped just now may hide a change made in the same clock tick: such a view is
-  // read again. Long unchanged, it is trusted.
-  ASSERT_EQ(utime("/etc/vdev", &past), 0);
-  vdxDeviceInfo info;
-  ASSERT_EQ(vdxGetVDeviceInfo(0, &info), VDX_STATUS_SUCCESS);
-  ASSERT_EQ(info.global_mem_size, 1024 * kMiB);
-
-  VdevFile changed;
-  changed.mask_low = 0xf;
-  changed.cu_count = 4;
-  changed.mem = 2048;
-  WriteVdev(0, changed);
-  ASSERT_EQ(utime(path.c_str(), &past), 0);
-  ASSERT_EQ(vdxGetVDeviceInfo(0, &info), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(info.global_mem_size, 1024 * kMiB) << "the file was read again";
-
-  struct utimbuf later = {time(nullptr) + 10, time(nullptr) + 10};
-  ASSERT_EQ(utime(path.c_str(), &later), 0);
-  ASSERT_EQ(vdxGetVDeviceInfo(0, &info), VDX_STATUS_SUCCESS);
-  EXPECT_EQ(info.global_mem_size, 2048 * kMiB);
-}
-
 // With groups, a virtual device is part of its container's group: the whole device's units,
 // and the group's usage in the proportion of the device's memory to the group's limit.
 TEST(Queries, InformationWithGroups) {
