@@ -1,7 +1,7 @@
 // Start-up and lifetime of the manager: the singleton, Init with its run-mode decisions, the
 // destructor that undoes at exit what this process did to the driver, the log level, the
 // largest number of virtual devices per device, and the by-id accessors of the list.
-// Init runs once, under the gate's once flag; callers of the accessors hold
+// Init runs once, under the gate's once flag and its mutex; callers of the accessors hold
 // virtual_device_lock (shared to read, exclusive to change).
 #include <unistd.h>
 

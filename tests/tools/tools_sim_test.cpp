@@ -93,6 +93,14 @@ TEST(Vdxctl, ExitCodesAndRefusals) {
   EXPECT_EQ(Vdxctl("frobnicate").exit, 2);
   EXPECT_EQ(Vdxctl("--help").exit, 0);
 
+  // The library's generic error (1) is exit 101 like every other status.
+  ASSERT_EQ(Vdxctl("create 0 --count 1").exit, 0);
+  std::string ignored;
+  ASSERT_EQ(vdxsim::SimControl({"etc", "ro"}, &ignored), 0);
+  r = Vdxctl("destroy 0");
+  EXPECT_EQ(r.exit, 101) << r.err;
+  ASSERT_EQ(vdxsim::SimControl({"etc", "rw"}, &ignored), 0);
+
   r = Shell("setpriv --reuid=65534 --regid=65534 --clear-groups " + kCtl + " create 0 --count 1");
   EXPECT_EQ(r.exit, 119) << r.err;
   EXPECT_EQ(r.err, "vdxctl: create: Permission denied. (status 19)\n");

@@ -153,6 +153,9 @@ TEST(RunModes, AGroupIsRefusedBesideInstancesOrBeyondTheDevicesMemory) {
   dmkfdVdevInfo group{};
   ASSERT_EQ(dmkfdQueryGroupInfo(0, 0xabc, &group), VDX_STATUS_SUCCESS);
   EXPECT_FALSE(group.isExist) << "the group is destroyed again";
+  bound[0].memLimit = 32768;  // all of the device's memory is still within it
+  EXPECT_EQ(dm.CreateProcessGroup(bound.data(), 1), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(dm.DestroyProcessGroup(), VDX_STATUS_SUCCESS);
 
   uint32_t mask[4] = {0xff, 0, 0, 0};
   ASSERT_EQ(dmkfdCreateVdev(1, 9, 3, 0, 1ull << 30, 128, mask), VDX_STATUS_SUCCESS);
