@@ -124,8 +124,9 @@ TEST_F(DriverTest, VirtualDeviceLifeCycle) {
 TEST_F(DriverTest, ContainerGroupLifeCycle) {
   ASSERT_EQ(dmkfdCreateGroup(0x3, 0x77, UINT64_MAX), VDX_STATUS_SUCCESS);
   EXPECT_TRUE(Contains(Dump(), "group 0x77 group_id 3 "));
-  // The driver answers EBUSY for a group that exists: that is success here.
-  EXPECT_EQ(dmkfdCreateGroup(0x3, 0x77, UINT64_MAX), VDX_STATUS_SUCCESS);
+  // The driver answers EBUSY for a group that exists, and keeps it: that is success here.
+  EXPECT_EQ(dmkfdCreateGroup(0x5, 0x77, kGiB), VDX_STATUS_SUCCESS);
+  EXPECT_TRUE(Contains(Dump(), "group 0x77 group_id 3 "));
 
   ASSERT_EQ(dmkfdUpdateGroup(1, 0x77, kGiB), VDX_STATUS_SUCCESS);
   std::string dump = Dump();
@@ -179,8 +180,13 @@ TEST_F(DriverTest, LiveQueries) {
   ASSERT_EQ(dmkfdGetBusyCUInfo(0, &busy, 8), VDX_STATUS_SUCCESS);
   EXPECT_EQ(busy.se_mask[7], 8u);
 
-  Ctl({"available", std::to_string(gpu1_), "123456789"});
+  // Free memory is the device's less its instances' limits, unless the driver is told.
   uint64_t available = 0;
+  uint32_t mask[4] = {0x1, 0, 0, 0};
+  ASSERT_EQ(dmkfdCreateVdev(1, 1, 0, 0, 3 * kGiB, 128, mask), VDX_STATUS_SUCCESS);
+  ASSERT_EQ(dmkfdGetAvailableMem(1, &available), VDX_STATUS_SUCCESS);
+  EXPECT_EQ(available, 13 * kGiB);
+  Ctl({"available", std::to_string(gpu1_), "123456789"});
   ASSERT_EQ(dmkfdGetAvailableMem(1, &available), VDX_STATUS_SUCCESS);
   EXPECT_EQ(available, 123456789u);
 

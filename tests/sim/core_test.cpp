@@ -138,6 +138,41 @@ class SysfsMirror : public ::testing::Test {
   std::string root_;
 };
 
+TEST_F(SysfsMirror, PublishesTopologyAndFollowsGroups) {
+  Machine m = Default();
+  Sysfs sysfs(root_);
+  ASSERT_EQ(sysfs.Publish(m), "");
+  const std::string nodes = "/sys/devices/virtual/kfd/kfd/topology/nodes";
+  EXPECT_EQ(Read(nodes + "/1/gpu_id"), "21735\n");
+  std::string props = Read(nodes + "/1/properties");
+  EXPECT_EQ(props.rfind("cpu_cores_count 0\nsimd_count 240\n", 0), 0u);
+  EXPECT_LT(props.size(), 4096u);  // the reader takes at most 4095 bytes
+  EXPECT_EQ(Read("/sys/module/zocu/initstate"), "live\n");
+
+  Driver driver(m);
+  int err = 0;
+  uint64_t c = driver.Open(1, &err);
+  mkfd_ioctl_create_group_args g{0xabc, 1, 9};
+  std::vector<uint8_t> rec(sizeof g);
+  std::memcpy(rec.data(), &g, sizeof g);
+  IoctlOutput out;
+  ASSERT_EQ(driver.Ioctl(c, MKFD_IOC_CREATE_GROUP, &rec, IoctlInput{}, &out), 0);
+  sysfs.Sync(driver);
+  EXPECT_EQ(Read("/sys/devices/virtual/kfd/kfd/group/abc/entry"),
+            "Group Indentifier: 0xabc\nGroup Id: 9\nReference Count: 1\nVram Limit: 1\n");
+  ASSERT_EQ(driver.SetGroupRefcount(0xabc, 3), "");
+  sysfs.Sync(driver);
+  EXPECT_NE(Read("/sys/devices/virtual/kfd/kfd/group/abc/entry").find("Reference Count: 3\n"),
+            std::string::npos);
+  rec.resize(sizeof(mkfd_ioctl_destroy_group_args));
+  ASSERT_EQ(driver.Ioctl(c, MKFD_IOC_DESTROY_GROUP, &rec, IoctlInput{}, &out), 0);
+  sysfs.Sync(driver);
+  struct stat st;
+  EXPECT_NE(stat((root_ + "/sys/devices/virtual/kfd/kfd/group/abc").c_str(), &st), 0);
+  ASSERT_EQ(sysfs.SetModuleState("going"), "");
+  EXPECT_EQ(Read("/sys/module/zocu/initstate"), "going\n");
+}
+
 TEST(ControlCommands, ParseAndRefuse) {
   Driver driver(Default());
   Sysfs sysfs("/nonexistent-vdxsim-root");

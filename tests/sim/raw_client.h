@@ -1,12 +1,10 @@
-// A client of the simulated machine written independently of the library: its own open,
-// ioctl and frame code, so that the simulator is checked against the driver interface
-// itself and not against the library that it will later test.
+// A client of the simulated machine written independently of the library: its own open and
+// ioctl code, with which tests set up what another program would have made.
 #ifndef ZOVDX_TESTS_SIM_RAW_CLIENT_H_
 #define ZOVDX_TESTS_SIM_RAW_CLIENT_H_
 
 #include <sys/ioctl.h>
 
-#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -18,7 +16,6 @@ namespace rawsim {
 // The default machine's accelerators.
 constexpr uint32_t kGpu0 = 21735;  // 60 units, 32 GiB
 constexpr uint32_t kGpu1 = 47262;  // 64 units, 16 GiB
-constexpr uint64_t kGpu0Vram = 32768ull << 20;
 constexpr const char* kKfd = "/sys/devices/virtual/kfd/kfd";
 
 // errno of an ioctl: 0 on success.
@@ -31,28 +28,12 @@ int OpenDevice();  // -1 and errno on failure
 
 int CreateVgpu(int fd, uint32_t gpu, uint32_t vgpu, const std::vector<uint32_t>& mask,
                uint64_t limit = 1ull << 30, uint64_t ident = 0x1234, uint64_t group_id = 3);
-int QueryVgpu(int fd, uint32_t gpu, uint32_t vgpu, mkfd_ioctl_query_vgpu_info_args* out,
-              std::array<uint32_t, 8>* mask);
-
 // `vdx-sim ctl ARGS...`: the exit status; *out gets what it printed.
 int Ctl(const std::vector<std::string>& args, std::string* out = nullptr);
 
 // The text of a file, or "<missing>".
 std::string ReadText(const std::string& path);
 std::vector<std::string> ListDir(const std::string& path);  // sorted, without . and ..
-
-// The manager service, spoken byte by byte.
-struct Frame {
-  int32_t magic = 0;
-  int32_t pid = 0;
-  int16_t from_type = 0;
-  int16_t cmd_type = 0;
-  std::string payload;
-};
-int ConnectService();  // -1 and errno on failure
-bool SendFrame(int fd, int16_t type, const std::string& payload);
-// Reads one whole frame; false when the peer hangs up first. *reads counts recv calls.
-bool ReadFrame(int fd, Frame* frame, int* reads = nullptr);
 
 }  // namespace rawsim
 
