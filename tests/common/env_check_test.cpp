@@ -1,5 +1,5 @@
-// Container detection: the file probes on files the tests write, the overrides, and the
-// kernel-worker probe on the host and inside a fresh PID namespace.
+// Container detection: the overrides, the automatic detection over process files the tests
+// replace, and the kernel-worker probe on the host and inside a fresh PID namespace.
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -21,63 +21,6 @@ namespace {
 using testing_support::ScratchDir;
 
 const std::string kHex64 = "0123456789abcdefABCDEF0123456789abcdef0123456789abcdef0123456789";
-
-struct ProbeResult {
-  bool returned;
-  bool in_container;
-  std::string id;
-};
-
-ProbeResult Probe(const ScratchDir& dir, const std::string& content, const std::string& marker,
-                  bool start_in_container = false) {
-  EXPECT_TRUE(WriteTextFile(dir.path(), "cgroup", content, false));
-  ProbeResult r{false, start_in_container, "stale"};
-  r.returned = CheckDockerContainerEnvByFS(dir / "cgroup", marker, r.in_container, &r.id);
-  return r;
-}
-
-TEST(ContainerFileProbe, FindsMarkersAndIds) {
-  ScratchDir dir;
-  ProbeResult r = Probe(dir, "12:pids:/\n0::/docker-" + kHex64 + ".scope\n", "/docker-");
-  EXPECT_TRUE(r.returned);
-  EXPECT_TRUE(r.in_container);
-  EXPECT_EQ(r.id, kHex64);
-
-  // Seventy digits: the id is the first 64.
-  r = Probe(dir, "0::/docker/" + kHex64 + "abcdef\n", "/docker/");
-  EXPECT_EQ(r.id, kHex64);
-
-  // Fewer digits, then the end of the line.
-  r = Probe(dir, "0::/kubepods/abc123\n", "/kubepods/");
-  EXPECT_TRUE(r.in_container);
-  EXPECT_EQ(r.id, "abc123");
-
-  // A marker at the very end of a line gives an empty id and ends the search.
-  r = Probe(dir, "0::/containerd/\n0::/containerd/beef\n", "/containerd/");
-  EXPECT_TRUE(r.in_container);
-  EXPECT_EQ(r.id, "");
-
-  // The first line whose text after the marker is hexadecimal names the id.
-  r = Probe(dir, "1::/docker/aaaa\n2::/docker/bbbb\n", "/docker/");
-  EXPECT_EQ(r.id, "aaaa");
-}
-
-TEST(ContainerFileProbe, ANonHexadecimalTailMarksButNamesNothing) {
-  ScratchDir dir;
-  // A systemd scope name after the marker: containerised, but no id from that line.
-  ProbeResult r = Probe(dir, "0::/system.slice/docker-xyz.scope\n", "/docker-");
-  EXPECT_TRUE(r.returned);
-  EXPECT_TRUE(r.in_container);
-  EXPECT_EQ(r.id, "");
-  // A later line may still supply it.
-  r = Probe(dir, "0::/docker-scope.name\n1::/docker-" + kHex64 + "\n", "/docker-");
-  EXPECT_EQ(r.id, kHex64);
-  // No marker at all: untouched.
-  r = Probe(dir, "0::/user.slice\n", "/docker-");
-  EXPECT_TRUE(r.returned);
-  EXPECT_FALSE(r.in_container);
-  EXPECT_EQ(r.id, "stale");
-}
 
 class EnvOverride : public testing::Test {
  protected:
@@ -209,40 +152,6 @@ TEST(KernelWorkerProbe, LeavesAPositiveInAFreshPidNamespace) {
     return in_container && id == "feed" ? 0 : 2;
   });
   if (result == 77) GTEST_SKIP() << "cannot make a PID namespace here (not root?)";
-  EXPECT_EQ(result, 0);
-}
-
-// Runs body in a child with a private mount namespace (tmpfs over /sys/module); the exit
-// status is body's result, or 77 when such a namespace cannot be made here.
-template <typename Body>
-int WithPrivateModuleDir(Body body) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (unshare(CLONE_NEWNS) != 0) _exit(77);
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(77);
-    if (mount("tmpfs", "/sys/module", "tmpfs", 0, "size=64k") != 0) _exit(77);
-    _exit(body());
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-TEST(DriverState, OnlyALiveModuleCounts) {
-  const int result = WithPrivateModuleDir([] {
-    if (CheckDriverExist()) return 1;  // no module directory at all
-    const std::pair<const char*, bool> states[] = {
-        {"live\n", true}, {"coming\n", false}, {"going\n", false},
-        {"", false},      {"x\nlive", true},    {"Live\n", false},
-    };
-    int failures = 0;
-    for (const auto& [text, live] : states) {
-      if (!WriteTextFile("/sys/module/zocu", "initstate", text, false)) return 2;
-      if (CheckDriverExist() != live) ++failures;
-    }
-    return failures == 0 ? 0 : 10 + failures;
-  });
-  if (result == 77) GTEST_SKIP() << "cannot make a mount namespace here (not root?)";
   EXPECT_EQ(result, 0);
 }
 

@@ -3,14 +3,11 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -86,31 +83,6 @@ class ClientTest : public testing::Test {
   std::thread peer_;
 };
 
-TEST_F(ClientTest, AssemblesRepliesHoweverTheyArrive) {
-  struct Case {
-    std::string payload;
-    size_t piece;
-  };
-  const Case cases[] = {
-      {"", 0},                           // a bare 16-byte header
-      {Int32(1), 1},                     // one byte per write
-      {std::string(1008, 'x'), 0},       // exactly what the staging buffer holds
-      {std::string(5000, 'y'), 0},       // longer than the staging buffer
-      {std::string(3000, 'z'), 700},     // long and in pieces
-  };
-  for (const Case& c : cases) {
-    Serve(Frame(CTYPE_GET_SYSTEM_MODE, c.payload), c.piece);
-    Command* cmd = nullptr;
-    ASSERT_EQ(Receive(&cmd, true), 0) << c.payload.size();
-    peer_.join();
-    ASSERT_NE(cmd, nullptr);
-    EXPECT_EQ(cmd->cmd_type, CTYPE_GET_SYSTEM_MODE);
-    ASSERT_EQ(cmd->data_size, static_cast<int32_t>(c.payload.size()));
-    EXPECT_EQ(std::string(cmd->cmd_data, c.payload.size()), c.payload);
-    free(cmd);
-  }
-}
-
 TEST_F(ClientTest, RefusesForeignAndOverlongFrames) {
   struct Case {
     std::string bytes;
@@ -137,39 +109,6 @@ TEST_F(ClientTest, RefusesForeignAndOverlongFrames) {
   }
 }
 
-TEST_F(ClientTest, ReportsServiceErrors) {
-  struct Case {
-    int32_t status;
-    const char* text;
-  };
-  for (const Case& c : {Case{9, "Devices is used"}, Case{27, "Exceed maximum porcess limit"},
-                        Case{77, "A generic error has occurred"}, Case{-1, "A generic error has occurred"}}) {
-    Serve(Frame(CTYPE_ERROR_COMMAND, Int32(c.status)));
-    Command* cmd = nullptr;
-    std::string out, err;
-    EXPECT_EQ(Receive(&cmd, true, &out, &err), -1);
-    peer_.join();
-    EXPECT_NE(out.find(std::string("DEBUG: ")), std::string::npos);
-    EXPECT_NE(out.find(std::string(c.text) + "\n"), std::string::npos) << out;
-    EXPECT_EQ(err, "") << "a quiet receive writes nothing at error level";
-  }
-}
-
-TEST_F(ClientTest, ADisconnectMidFrameFails) {
-  // Half a header, then the header of a 100-byte frame with 40 bytes of it.
-  for (const std::string& bytes : {Frame(29, "").substr(0, 7), Frame(29, std::string(100, 'p')).substr(0, 56)}) {
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    ASSERT_EQ(send(pair[1], bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    close(pair[1]);
-    Command* cmd = nullptr;
-    const std::string err =
-        CaptureLog("info", [&] { EXPECT_EQ(RecvCommand(&cmd, pair[0]), -1); }).err;
-    EXPECT_NE(err.find("Server is disconnect, please check server\n"), std::string::npos) << err;
-    close(pair[0]);
-  }
-}
-
 // The queries against a service the test runs in a private network namespace, where the
 // abstract socket name is free and nobody else can meet it.
 class QueryTest : public testing::Test {
@@ -187,17 +126,6 @@ class QueryTest : public testing::Test {
     return WEXITSTATUS(status);
   }
 
-  // Listens on the service's abstract name; answers each request with reply_type.
-  static int Listen() {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un address;
-    memset(&address, 0, sizeof(address));
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path + 1, "xcu_uds_abstract_socket", 23);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), 2 + 1 + 23) != 0) return -1;
-    if (listen(fd, 4) != 0) return -1;
-    return fd;
-  }
 };
 
 TEST_F(QueryTest, FailsEarlyWithoutTheDriverOrTheService) {
@@ -229,35 +157,6 @@ TEST_F(QueryTest, FailsEarlyWithoutTheDriverOrTheService) {
   });
   if (result == 77) GTEST_SKIP() << "cannot make a network namespace here (not root?)";
   EXPECT_EQ(result, 0);
-}
-
-TEST_F(QueryTest, LeavesTheCallersSocketOpen) {
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-  const std::string replies = Frame(CTYPE_GET_PROCESS_INFO, Int32(-1) + Int32(0) + Int32(0)) +
-                              Frame(CTYPE_GET_PROCESS_INFO, Int32(5) + Int32(0) + Int32(0)) +
-                              Frame(CTYPE_ERROR_COMMAND, Int32(SRV_STATUS_NOT_FOUND_PROCESS));
-  std::thread peer([&] {
-    char request[64];
-    size_t offset = 0;
-    // One reply per request, each sent once its request has come in.
-    for (size_t frame : {size_t{28}, size_t{28}, size_t{20}}) {
-      if (recv(pair[1], request, sizeof(request), 0) <= 0) return;
-      send(pair[1], replies.data() + offset, frame, MSG_NOSIGNAL);
-      offset += frame;
-    }
-  });
-  process_info info = {1, 1, 1};
-  EXPECT_TRUE(GetProcessInfoViaZomgr(getpid(), info, false, false, pair[0]));
-  EXPECT_EQ(info.gpu_id, -1);  // runs on no partition: still an answer
-  SystemMode mode = SYSTEM_MODE_NONE;
-  EXPECT_FALSE(CheckSystemModeViaZomgr(mode, false, false, pair[0]));  // reply of type 28
-  EXPECT_FALSE(GetProcessInfoViaZomgr(getpid(), info, false, false, pair[0]));  // error reply
-  EXPECT_EQ(info.gpu_id, -1);
-  peer.join();
-  EXPECT_GE(fcntl(pair[0], F_GETFD), 0) << "the caller's socket was closed";
-  close(pair[0]);
-  close(pair[1]);
 }
 
 }  // namespace

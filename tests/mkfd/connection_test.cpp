@@ -29,25 +29,6 @@ void WriteTwoAccelerators() {
                             Node{202u, AcceleratorProperties(0x2E70, 0x5020, 0, 256), {}, true}});
 }
 
-TEST(Connection, WithoutTopologyTheDeviceStaysOpen) {
-  RunInPrivateMachine([] {
-    mkfd_test::CreateFakeDevice();
-    const int descriptors = CountOpenDescriptors();
-    ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
-    EXPECT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SYS_NODE_NOT_EXIST);
-    EXPECT_EQ(MkfdInterface::mkfd_singleton_->NumSysfsNodes(), 0);
-    EXPECT_EQ(CountOpenDescriptors(), descriptors + 1);
-    EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
-    EXPECT_EQ(CountOpenDescriptors(), descriptors);
-
-    // An empty nodes directory is no topology either.
-    mkfd_test::WriteTopology({});
-    EXPECT_EQ(dmkfdOpenMkfd(), VDX_STATUS_SYS_NODE_NOT_EXIST);
-    EXPECT_EQ(dmkfdCloseMkfd(), VDX_STATUS_SUCCESS);
-    EXPECT_EQ(dmkfdShutDown(), VDX_STATUS_SUCCESS);
-  });
-}
-
 TEST(Connection, DescriptorIsCloseOnExec) {
   RunInPrivateMachine([] {
     mkfd_test::CreateFakeDevice();

@@ -3,12 +3,10 @@
 // accelerators of 60 and 64 compute units), and checks what the driver holds afterwards.
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>

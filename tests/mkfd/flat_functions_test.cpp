@@ -60,23 +60,6 @@ TEST_F(FlatFunctions, WithoutInstanceEveryFunctionLogsAndRefuses) {
   }
 }
 
-TEST_F(FlatFunctions, NodeCountChecksBeforeItLogsAndTouchesNothing) {
-  utils::SetLogLevel(utils::kLogDebug);
-  uint32_t count = 77;
-  CaptureStdout();
-  EXPECT_EQ(dmkfdGetNodeCount(&count), VDX_STATUS_ERROR_NOT_INITIALIZED);
-  EXPECT_EQ(GetCapturedStdout(), "");
-  EXPECT_EQ(count, 77u);
-
-  // With an instance that never opened the device there are no nodes yet.
-  ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
-  CaptureStdout();
-  EXPECT_EQ(dmkfdGetNodeCount(&count), VDX_STATUS_SUCCESS);
-  const std::string out = GetCapturedStdout();
-  EXPECT_EQ(count, 0u);
-  EXPECT_NE(out.find("] [dmkfdGetNodeCount] count: 0\n"), std::string::npos) << out;
-}
-
 TEST_F(FlatFunctions, ReferenceCounting) {
   ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
   ASSERT_EQ(dmkfdInit(), VDX_STATUS_SUCCESS);
@@ -114,19 +97,6 @@ TEST_F(FlatFunctions, CommandsBeforeOpenReportNotOpened) {
   EXPECT_EQ(dmkfdGetBusyCodec(0, true, nullptr, nullptr), VDX_STATUS_MKFD_NOT_OPENED);
   // The sysfs reader knows no nodes before the first open.
   EXPECT_EQ(dmkfdGetNodeProperties(0, &g_props), VDX_STATUS_INVALID_ARGUMENTS);
-}
-
-TEST(MkfdIoctl, BadDescriptorIsReportedAtErrorLevel) {
-  utils::SetLogLevel(utils::kLogInfo);
-  mkfd_ioctl_get_available_mem_size_args args{};
-  CaptureStderr();
-  errno = 0;
-  EXPECT_EQ(MkfdInterface::MkfdIoctl(-1, MKFD_IOC_GET_AVAILABLE_MEM, &args), -1);
-  EXPECT_EQ(errno, EBADF);
-  const std::string err = GetCapturedStderr();
-  EXPECT_EQ(err.rfind("\033[31mError\033[0m: [", 0), 0u) << err;
-  EXPECT_NE(err.find("] MKFD file descriptor not valid in this process\n"), std::string::npos)
-      << err;
 }
 
 }  // namespace

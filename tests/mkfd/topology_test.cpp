@@ -125,19 +125,4 @@ TEST(Topology, EveryFieldIsReadAndAbsentKeysKeepTheCallersValues) {
   });
 }
 
-TEST(Topology, ValueThatIsNotANumberEndsTheParse) {
-  RunInPrivateMachine([] {
-    const std::string text =
-        "simd_count 240\nvendor_id 11888\nmarketing_name ZO-XC\ndevice_id 20496\n"
-        "simd_per_cu 4\n";
-    OpenMachine({Node{9u, text, {}, true}});
-    const dmkfdNodeProperties props = ReadProperties(0);
-    EXPECT_EQ(props.SimdCount, 240u);
-    EXPECT_EQ(props.VendorId, 0x2E70u);
-    EXPECT_EQ(props.DeviceId, kUnset32);
-    EXPECT_EQ(props.SimdPerCu, kUnset32);
-    CloseMachine();
-  });
-}
-
 }  // namespace

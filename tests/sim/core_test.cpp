@@ -33,25 +33,6 @@ std::string ParseError(const std::string& text) {
   return ParseMachine(text, &m, &error) ? "" : error;
 }
 
-TEST(MachineDescription, ParsesWhatTheFormatAllows) {
-  Machine m;
-  std::string error;
-  ASSERT_TRUE(ParseMachine("system_mode mig\nmodule coming  # loading\n"
-                           "node gpu 0x10\n simd_count 8\nsimd_per_cu 4\n"
-                           "bank heap_type 1 size_in_bytes 100\nbank heap_type 1 size_in_bytes 200\n"
-                           "busy 1 2\ncodec 3 4\n",
-                           &m, &error))
-      << error;
-  EXPECT_EQ(m.system_mode, 1);
-  EXPECT_EQ(m.module_state, "coming");
-  EXPECT_EQ(m.nodes[0].gpu_id, 16u);
-  EXPECT_EQ(m.nodes[0].CuCount(), 2u);
-  EXPECT_EQ(m.nodes[0].VramBytes(), 200u);  // the last public bank, as the reader picks it
-  EXPECT_EQ(m.nodes[0].busy[1], 2u);
-  EXPECT_EQ(m.nodes[0].busy[2], 0u);
-  EXPECT_EQ(m.nodes[0].encoders, 4u);
-}
-
 TEST(MachineDescription, RejectsWithTheLine) {
   EXPECT_EQ(ParseError(""), "the description has no nodes");
   EXPECT_EQ(ParseError("simd_count 4\n"), "line 1: 'simd_count' before the first node");
@@ -107,20 +88,6 @@ TEST_F(DriverLogic, MaskBitsBeyondTheCountAreIgnored) {
   EXPECT_EQ(Create(1, {0x1}, 64), EFAULT);  // fewer words than the bits say
 }
 
-TEST_F(DriverLogic, DestroyedInstanceLeavesRunningConnectionsConsistent) {
-  ASSERT_EQ(Create(0, {1, 0, 0, 0}), 0);
-  mkfd_ioctl_set_process_mode_args m{};
-  m.mode = KFD_PROCESS_VGPU_MODE;
-  m.gpu_id = 21735;
-  m.indentifier = 1;
-  ASSERT_EQ(Call(MKFD_IOC_SET_PROCESS_MODE, &m), 0);
-  mkfd_ioctl_destroy_vgpu_args d{21735, 0};
-  ASSERT_EQ(Call(MKFD_IOC_DESTROY_VGPU, &d), 0);
-  ASSERT_EQ(Create(0, {1, 0, 0, 0}), 0);
-  driver_.Close(conn_);  // must not drop the new instance's own reference
-  EXPECT_EQ(driver_.instances().begin()->second.refcount, 1u);
-}
-
 class SysfsMirror : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -171,32 +138,6 @@ TEST_F(SysfsMirror, PublishesTopologyAndFollowsGroups) {
   EXPECT_NE(stat((root_ + "/sys/devices/virtual/kfd/kfd/group/abc").c_str(), &st), 0);
   ASSERT_EQ(sysfs.SetModuleState("going"), "");
   EXPECT_EQ(Read("/sys/module/zocu/initstate"), "going\n");
-}
-
-TEST(ControlCommands, ParseAndRefuse) {
-  Driver driver(Default());
-  Sysfs sysfs("/nonexistent-vdxsim-root");
-  Service service(0);
-  World world{&driver, &sysfs, &service, nullptr, "live"};
-  std::string out;
-  EXPECT_EQ(RunControl({"busy", "21735", "0x3", "4"}, &world, &out), 0);
-  EXPECT_EQ(driver.gpus()[0].busy[1], 4u);
-  EXPECT_EQ(RunControl({"busy", "99", "1"}, &world, &out), 1);
-  EXPECT_NE(out.find("no accelerator with gpu id 99"), std::string::npos);
-  EXPECT_EQ(RunControl({"busy", "21735", "1", "2", "3", "4", "5", "6", "7", "8", "9"}, &world, &out), 2);
-  EXPECT_EQ(RunControl({"busy", "21735", "-1"}, &world, &out), 2);
-  EXPECT_EQ(RunControl({"usage", "21735", "0", "5"}, &world, &out), 1);  // no such instance
-  EXPECT_EQ(RunControl({"system-mode", "7"}, &world, &out), 0);
-  EXPECT_EQ(service.system_mode(), 7);
-  EXPECT_EQ(RunControl({"service", "bogus"}, &world, &out), 2);
-  EXPECT_EQ(RunControl({"etc", "ro"}, &world, &out), 1);  // no store outside a sandbox
-  EXPECT_EQ(RunControl({}, &world, &out), 2);
-  out.clear();
-  EXPECT_EQ(RunControl({"dump"}, &world, &out), 0);
-  EXPECT_EQ(out.rfind("system_mode 7\nmodule live\nservice stopped normal\ngpu 21735 ", 0), 0u) << out;
-  EXPECT_EQ(ParseErrno("EINTR"), EINTR);
-  EXPECT_EQ(ParseErrno("5"), 5);
-  EXPECT_EQ(ParseErrno("EWHATEVER"), -1);
 }
 
 }  // namespace

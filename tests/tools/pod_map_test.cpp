@@ -33,18 +33,6 @@ class PodMapFile : public ::testing::Test {
   std::string dir_, path_;
 };
 
-TEST_F(PodMapFile, WhatIsWrittenIsReadBack) {
-  const PodMap pods = {{1, {"ml", "trainer-0", "main"}}, {31, {"a", "b", "c"}}};
-  std::string error;
-  ASSERT_TRUE(vdxtool::WritePodMap(path_, pods, &error)) << error;
-  struct stat st;
-  ASSERT_EQ(stat(path_.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0644u);
-  std::string why;
-  EXPECT_EQ(Read(&why), pods);
-  EXPECT_EQ(why, "");
-}
-
 TEST_F(PodMapFile, HostileLinesAreSkipped) {
   Write("vdev1\tml\ttrainer\tmain\n"
         "vdev32\tml\tp\tc\n"          // no such id

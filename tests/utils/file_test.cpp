@@ -6,16 +6,12 @@
 #include <unistd.h>
 #include <utime.h>
 
-#include <sys/select.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>

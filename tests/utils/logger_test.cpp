@@ -1,7 +1,6 @@
 // The logger: levels, streams, prefixes, the log file and whole messages under threads.
 #include <regex>
 #include <sstream>
-#include <climits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -76,38 +75,6 @@ TEST_F(LoggerTest, TraceAddsTheSourceFileAndLine) {
                         std::to_string(line + 1) + "\\] \\[f\\] warn\n" + where +
                         std::to_string(line + 2) + "\\] \\[f\\] note\n")))
       << c.out;
-}
-
-TEST_F(LoggerTest, TheLogFileGetsACopyOfEveryMessage) {
-  ScratchDir dir;
-  const std::string first = dir / "first.log";
-  const std::string second = dir / "second.log";
-  Capture([&] {
-    utils::SetLogFile(first);
-    EXPECT_TRUE(testing_support::OpenOnlyCloseOnExec(first));
-    LOG_INFO("one\n");
-    LOG_ERROR("two\n");
-    utils::SetLogFile("");  // keeps the open file
-    LOG_INFO("three\n");
-    utils::SetLogFile(second);  // closes the first one
-    LOG_INFO("four\n");
-  });
-  const std::string file_stamp = R"(\[\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\] )";
-  EXPECT_TRUE(std::regex_match(ReadFile(first),
-                               std::regex(file_stamp + "one\n" + file_stamp +
-                                          "\033\\[31mError\033\\[0m: " + kStamp + "two\n" +
-                                          file_stamp + "three\n")))
-      << ReadFile(first);
-  EXPECT_TRUE(std::regex_match(ReadFile(second), std::regex(file_stamp + "four\n")));
-
-  // A path that cannot be opened leaves the logger without a file and says why.
-  const LogOutput c = Capture([&] {
-    utils::SetLogFile(dir / "missing/dir.log");
-    LOG_INFO("five\n");
-  });
-  EXPECT_NE(c.out.find(std::string(kRedWarning)), std::string::npos);
-  EXPECT_NE(c.out.find("Open file: No such file or directory\n"), std::string::npos) << c.out;
-  EXPECT_EQ(ReadFile(second).find("five"), std::string::npos);
 }
 
 TEST_F(LoggerTest, ConcurrentMessagesNeverInterleave) {

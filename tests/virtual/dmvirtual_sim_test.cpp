@@ -1,7 +1,6 @@
 // The started manager inside the simulator, looked at from inside: the driver's groups read
 // from sysfs, the run modes made real in the driver, the instances torn down at exit, start
 // and stop of lists, and many threads at once. One sandbox per test case.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>

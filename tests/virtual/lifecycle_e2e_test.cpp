@@ -30,7 +30,6 @@ using e2e::WriteVdev;
 const std::string kGpu0 = std::to_string(rawsim::kGpu0);
 const std::string kGpu1 = std::to_string(rawsim::kGpu1);
 
-
 // The driver's live instances, as sysfs lists them ("GPU_VGPU").
 std::vector<std::string> Instances() { return rawsim::ListDir(std::string(rawsim::kKfd) + "/vgpu"); }
 
@@ -403,22 +402,6 @@ TEST(Busy, InAContainerInGroupMode) {
   WriteVdev(0, shared, true);
   Ctl({"busy", kGpu0, "0x7f"});
   EXPECT_EQ(DevicePercent(0), 11) << "the whole device";
-}
-
-TEST(Busy, RefusedForGroupMembers) {
-  ASSERT_EQ(Create(0, {0}, {100}), VDX_STATUS_SUCCESS);
-  MakeGroup(0x55, 0x1, UINT64_MAX);
-  int percent = 0;
-  EXPECT_EQ(vdxGetVDevBusyPercent(0, &percent), VDX_STATUS_NOT_SUPPORTED);
-  EXPECT_EQ(vdxStartVDevice(0), VDX_STATUS_NOT_SUPPORTED) << "groups and instances exclude";
-}
-
-TEST(Busy, RefusedUnderMigMode) {
-  Ctl({"system-mode", "mig"});
-  int percent = 0;
-  EXPECT_EQ(vdxGetDevBusyPercent(0, &percent), VDX_STATUS_NOT_SUPPORTED);
-  EXPECT_EQ(vdxGetVDevBusyPercent(0, &percent), VDX_STATUS_NOT_SUPPORTED);
-  EXPECT_EQ(vdxStartVDevice(0), VDX_STATUS_NOT_SUPPORTED);
 }
 
 }  // namespace

@@ -84,16 +84,6 @@ TEST(ContainerId, TakenFromTheEnvironmentInHexadecimal) {
   EXPECT_FALSE(Has(out, "Process is running in")) << "detection must not run";
 }
 
-TEST(ContainerId, ADetectedIdKeepsItsFirstSixteenDigits) {
-  e2e::ShowDebugLines();
-  setenv("VDX_RUNTIME_ENV_OVERRIDE", "container", 1);
-  setenv("VDX_OVERRIDE_CONTAINER_ID",
-         "0123456789abcdef00112233445566778899aabbccddeeff0011223344556677", 1);
-  const std::string out = Stdout([] { EXPECT_EQ(vdxGetMaxVDeviceCount(nullptr), 10); });
-  EXPECT_TRUE(Has(out, "Process is running in docker container.")) << out;
-  EXPECT_TRUE(Has(out, "Get docker ID(0x123456789abcdef).")) << out;
-}
-
 // The files read at start-up: what parses loads, and each bad file costs only itself.
 TEST(ConfigurationFiles, EachBadFileCostsOnlyItself) {
   e2e::ShowDebugLines();
@@ -312,21 +302,6 @@ TEST(Lifetime, AForkedChildsExitTouchesNothing) {
   int count = 0;
   EXPECT_EQ(vdxGetMaxVDeviceCount(&count), VDX_STATUS_SUCCESS);
   EXPECT_EQ(count, 4);
-}
-
-TEST(Lifetime, TheChildSaysItIsNotTheOwner) {
-  ASSERT_EQ(vdxSetLogLevel("debug"), VDX_STATUS_SUCCESS);
-  const std::string out = Stdout([] {
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) exit(0);
-    int status = 0;
-    waitpid(child, &status, 0);
-  });
-  EXPECT_TRUE(Has(out, "[~Dmvirtual] \033[31mWarning\033[0m: the DMGR(" +
-                           std::to_string(getpid()) + ") is not initialized by the current process("))
-      << out;
-  EXPECT_FALSE(Has(out, "Close Over!")) << "the child closed the parent's device";
 }
 
 }  // namespace
