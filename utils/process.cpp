@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "utils/path.h"
+#include "utils/scoped.h"
 #include "utils/utils.h"
 
 namespace utils {
@@ -107,33 +108,24 @@ ProcessStatus Process::Create(const std::string& command) {
   for (std::string& piece : pieces) argv.push_back(piece.data());
   argv.push_back(nullptr);
 
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return PROCESS_ERROR;
-  fds[0] = AboveStandardDescriptors(fds[0]);
-  fds[1] = AboveStandardDescriptors(fds[1]);
-  if (fds[0] < 0 || fds[1] < 0) {
-    if (fds[0] >= 0) close(fds[0]);
-    if (fds[1] >= 0) close(fds[1]);
-    return PROCESS_ERROR;
-  }
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return PROCESS_ERROR;
+  utils::FdHandle read_end(AboveStandardDescriptors(ends[0]));
+  utils::FdHandle write_end(AboveStandardDescriptors(ends[1]));
+  if (read_end.get() < 0 || write_end.get() < 0) return PROCESS_ERROR;
   const pid_t pid = fork();
-  if (pid < 0) {
-    close(fds[0]);
-    close(fds[1]);
-    return PROCESS_ERROR;
-  }
+  if (pid < 0) return PROCESS_ERROR;
   if (pid == 0) {
-    // dup2 clears close-on-exec on the copies, so only standard output and error survive.
-    dup2(fds[1], STDOUT_FILENO);
-    dup2(fds[1], STDERR_FILENO);
-    close(fds[0]);
-    close(fds[1]);
+    // dup2 clears close-on-exec on the copies, so only standard output and error survive the
+    // exec; the child leaves by exec or _exit, never through the holders.
+    dup2(write_end.get(), STDOUT_FILENO);
+    dup2(write_end.get(), STDERR_FILENO);
     execvp(program.c_str(), argv.data());
     _exit(127);
   }
-  close(fds[1]);
+  write_end.reset();
   if (pipe_id_ >= 0) close(pipe_id_);
-  pipe_id_ = fds[0];
+  pipe_id_ = read_end.release();
   pid_ = pid;
   // Nobody else can have reaped the child yet unless another thread waits for any child;
   // without pidfd support (ENOSYS) the pid alone names it.
