@@ -4,6 +4,8 @@
 # to VDX_1), and the libraries it needs (the C and C++ runtimes only).
 # usage: check_abi.sh LIBRARY VERSION_SCRIPT ARCHIVE SANITIZED(0|1) "NAME..."
 # The last argument lists the functions built so far: the library exports exactly these.
+# grep reads here-strings, not pipes: under pipefail, "echo | grep -q" fails whenever grep
+# has its answer and exits before echo has written everything.
 set -euo pipefail
 lib=$1 script=$2 archive=$3 sanitized=$4 built=$5
 failures=0
@@ -27,19 +29,19 @@ for entry in $exported; do
     *@@VDX_1) ;;
     *) fail "$entry is not bound to the default version VDX_1" ;;
   esac
-  echo "$listed" | grep -qx "$name" || fail "$name is exported but not in the version script"
+  grep -qx "$name" <<< "$listed" || fail "$name is exported but not in the version script"
 done
 
 # Every vdx function that the archive defines must reach users.
 defined=$(nm --defined-only "$archive" 2>/dev/null | awk '$2 == "T" && $3 ~ /^vdx/ { print $3 }' | sort -u)
 for name in $defined; do
-  echo "$exported" | grep -qx "$name@@VDX_1" || fail "$name is defined but not exported"
+  grep -qx "$name@@VDX_1" <<< "$exported" || fail "$name is defined but not exported"
 done
 for name in $built; do
-  echo "$exported" | grep -qx "$name@@VDX_1" || fail "$name is missing"
+  grep -qx "$name@@VDX_1" <<< "$exported" || fail "$name is missing"
 done
 for entry in $exported; do
-  echo " $built " | grep -q " ${entry%%@*} " || fail "${entry%%@*} is exported but not built yet"
+  grep -q " ${entry%%@*} " <<< " $built " || fail "${entry%%@*} is exported but not built yet"
 done
 
 # ld-linux is the C library's own loader: thread-local storage (std::call_once keeps its
@@ -48,7 +50,7 @@ allowed='^(libstdc\+\+\.so\.6|libpthread\.so\.0|libdl\.so\.2|librt\.so\.1|libm\.
 [ "$sanitized" = 1 ] && allowed="${allowed%)\$}|libasan\.so\.[0-9]+|libubsan\.so\.[0-9]+)\$"
 needed=$(readelf -d "$lib" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p')
 for dep in $needed; do
-  echo "$dep" | grep -Eq "$allowed" || fail "needs $dep, which is not a system runtime library"
+  grep -Eq "$allowed" <<< "$dep" || fail "needs $dep, which is not a system runtime library"
 done
 
 if [ "$failures" -ne 0 ]; then

@@ -40,7 +40,9 @@ if [ -x "$build/tools/vdxctl" ]; then
   grep -q "^ExecStart=$prefix/sbin/vdxd$" "$prefix/lib/systemd/system/vdxd.service" ||
     { echo "FAIL: the unit does not start the installed vdxd"; exit 1; }
   # The installed tool finds the installed library through its run path.
-  "$build/sim/vdx-sim" -- "$prefix/bin/vdxctl" --format csv devices | grep -q '^0,ZO XC-100 32G,60,' ||
+  # (Captured first: under pipefail, grep -q leaving early would fail the pipe.)
+  devices=$("$build/sim/vdx-sim" -- "$prefix/bin/vdxctl" --format csv devices)
+  grep -q '^0,ZO XC-100 32G,60,' <<< "$devices" ||
     { echo "FAIL: the installed vdxctl does not run"; exit 1; }
 fi
 
