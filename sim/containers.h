@@ -1,7 +1,7 @@
 // Containers inside a sandbox (vdx-sim --containers): what a container engine on the
 // simulated host needs to hand the simulated machine to a container. The device node
 // "/dev/mkfd" exists (an engine looks at the host's node before it adds it to a container),
-// and a CDI specification of kind "vdx-sim.zovdx.dev/machine" carries everything else a
+// and a CDI file of kind "vdx-sim.zovdx.dev/machine" carries everything else a
 // container needs to reach the simulator: its driver tree, its module state file and the
 // preload library that stands in for the device.
 #ifndef VDX_SIM_CONTAINERS_H_

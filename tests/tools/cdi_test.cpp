@@ -1,4 +1,4 @@
-// The CDI version a specification claims: the lowest that has every feature it uses, so that
+// The CDI version a CDI file claims: the lowest that has every feature it uses, so that
 // engines that know only older versions still read it.
 #include "tools/vdxctl/cdi.h"
 
@@ -9,14 +9,14 @@ namespace {
 using nlohmann::json;
 
 TEST(CdiVersion, TheLowestThatHasEveryFeatureUsed) {
-  const json ours = vdxctl::CdiSpec({{0, false}, {3, false}});
+  const json ours = vdxctl::CdiDocument({{0, false}, {3, false}});
   EXPECT_EQ(ours["cdiVersion"], "0.3.0");
   EXPECT_EQ(vdxctl::MinimumCdiVersion(ours), "0.3.0");
 
   const auto with = [&ours](const std::function<void(json&)>& change) {
-    json spec = ours;
-    change(spec);
-    return vdxctl::MinimumCdiVersion(spec);
+    json cdi = ours;
+    change(cdi);
+    return vdxctl::MinimumCdiVersion(cdi);
   };
   EXPECT_EQ(with([](json& s) { s["devices"][0]["containerEdits"]["mounts"][0]["type"] = "none"; }),
             "0.4.0");

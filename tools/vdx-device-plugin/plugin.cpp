@@ -262,7 +262,7 @@ bool WriteCdiFile(const Options& options, const std::vector<PluginDevice>& devic
   const std::string temporary = path + ".tmp";
   {
     std::ofstream out(temporary, std::ios::trunc);
-    out << vdxctl::CdiSpec(usable).dump(2) << "\n";
+    out << vdxctl::CdiDocument(usable).dump(2) << "\n";
     if (!out) {
       *error = "cannot write " + temporary;
       return false;

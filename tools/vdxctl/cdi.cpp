@@ -22,13 +22,13 @@ nlohmann::json Edits(const std::vector<int>& ids) {
   return {{"deviceNodes", {{{"path", "/dev/mkfd"}}}}, {"mounts", mounts}};
 }
 
-// Whether any of the container edits (of the spec or of a device) holds key, in an entry
+// Whether any of the container edits (of the cdi or of a device) holds key, in an entry
 // of list when list is given.
-bool EditsUse(const nlohmann::json& spec, const char* list, const char* key) {
+bool EditsUse(const nlohmann::json& cdi, const char* list, const char* key) {
   std::vector<const nlohmann::json*> edits;
-  if (spec.contains("containerEdits")) edits.push_back(&spec["containerEdits"]);
-  if (spec.contains("devices"))
-    for (const nlohmann::json& device : spec["devices"])
+  if (cdi.contains("containerEdits")) edits.push_back(&cdi["containerEdits"]);
+  if (cdi.contains("devices"))
+    for (const nlohmann::json& device : cdi["devices"])
       if (device.contains("containerEdits")) edits.push_back(&device["containerEdits"]);
   for (const nlohmann::json* e : edits) {
     if (!e->is_object()) continue;
@@ -45,22 +45,22 @@ bool EditsUse(const nlohmann::json& spec, const char* list, const char* key) {
 
 }  // namespace
 
-std::string MinimumCdiVersion(const nlohmann::json& spec) {
-  if (EditsUse(spec, nullptr, "intelRdt") || EditsUse(spec, nullptr, "additionalGids"))
+std::string MinimumCdiVersion(const nlohmann::json& cdi) {
+  if (EditsUse(cdi, nullptr, "intelRdt") || EditsUse(cdi, nullptr, "additionalGids"))
     return "0.7.0";
-  bool annotations = spec.contains("annotations");
-  if (spec.contains("devices"))
-    for (const nlohmann::json& device : spec["devices"])
+  bool annotations = cdi.contains("annotations");
+  if (cdi.contains("devices"))
+    for (const nlohmann::json& device : cdi["devices"])
       annotations = annotations || device.contains("annotations");
-  const std::string kind = spec.value("kind", "");
+  const std::string kind = cdi.value("kind", "");
   const std::string name = kind.substr(kind.find('/') + 1);
   if (annotations || name.find('.') != std::string::npos) return "0.6.0";
-  if (EditsUse(spec, "deviceNodes", "hostPath")) return "0.5.0";
-  if (EditsUse(spec, "mounts", "type")) return "0.4.0";
+  if (EditsUse(cdi, "deviceNodes", "hostPath")) return "0.5.0";
+  if (EditsUse(cdi, "mounts", "type")) return "0.4.0";
   return "0.3.0";
 }
 
-nlohmann::json CdiSpec(const std::vector<CdiVdev>& vdevs) {
+nlohmann::json CdiDocument(const std::vector<CdiVdev>& vdevs) {
   nlohmann::json devices = nlohmann::json::array();
   std::vector<int> all, units, shared;
   for (const CdiVdev& v : vdevs) {
@@ -74,12 +74,12 @@ nlohmann::json CdiSpec(const std::vector<CdiVdev>& vdevs) {
     devices.push_back({{"name", "all-units"}, {"containerEdits", Edits(units)}});
     devices.push_back({{"name", "all-shared"}, {"containerEdits", Edits(shared)}});
   }
-  nlohmann::json spec = {{"kind", kCdiKind}, {"devices", devices}};
-  spec["cdiVersion"] = MinimumCdiVersion(spec);
-  return spec;
+  nlohmann::json cdi = {{"kind", kCdiKind}, {"devices", devices}};
+  cdi["cdiVersion"] = MinimumCdiVersion(cdi);
+  return cdi;
 }
 
-std::vector<std::string> SpecsHandingOut(int id) {
+std::vector<std::string> CdiFilesHandingOut(int id) {
   const std::string file = "\"/etc/vdev/vdev" + std::to_string(id) + ".conf\"";
   std::vector<std::string> found;
   for (const char* directory : {"/etc/cdi", "/var/run/cdi"}) {

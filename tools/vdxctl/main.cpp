@@ -1,6 +1,6 @@
 // vdxctl: the command-line tool of libzovdx. It lists devices and virtual devices, creates,
 // updates and destroys virtual devices, has the vdxd service start and stop them, shows busy
-// percentages, the encryption flag, and writes a CDI specification. It uses only the library's
+// percentages, the encryption flag, and writes a CDI file. It uses only the library's
 // public interface.
 //
 // Exit codes: 0 done; 1 a failure outside the library (a file that cannot be written); 2 a
@@ -330,8 +330,8 @@ int CdiGenerate(const std::string& output) {
   }
   std::vector<vdxctl::CdiVdev> described;
   for (const auto& v : vdevs) described.push_back({v.id, v.units == 0});
-  const nlohmann::json spec = vdxctl::CdiSpec(described);
-  const std::string text = spec.dump(2) + "\n";
+  const nlohmann::json cdi = vdxctl::CdiDocument(described);
+  const std::string text = cdi.dump(2) + "\n";
   if (output.empty() || output == "-") {
     std::fprintf(vdxctl::Out(), "%s", text.c_str());
     return 0;
@@ -345,12 +345,12 @@ int CdiGenerate(const std::string& output) {
     return kExitFailure;
   }
   std::string names;
-  for (size_t i = described.size(); i < spec["devices"].size(); ++i)
+  for (size_t i = described.size(); i < cdi["devices"].size(); ++i)
     names += std::string(names.empty() ? "" : " and ") + "\"" +
-             spec["devices"][i]["name"].get<std::string>() + "\"";
+             cdi["devices"][i]["name"].get<std::string>() + "\"";
   std::fprintf(vdxctl::Out(), "wrote %s: %zu virtual device%s and %s (kind %s, CDI %s)\n",
                output.c_str(), described.size(), described.size() == 1 ? "" : "s",
-               names.c_str(), vdxctl::kCdiKind, spec["cdiVersion"].get<std::string>().c_str());
+               names.c_str(), vdxctl::kCdiKind, cdi["cdiVersion"].get<std::string>().c_str());
   return 0;
 }
 
@@ -430,7 +430,7 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"show", "on", "off"}));
 
   auto* cdi = app.add_subcommand("cdi", "Container Device Interface");
-  auto* cdi_generate = cdi->add_subcommand("generate", "Write a CDI specification");
+  auto* cdi_generate = cdi->add_subcommand("generate", "Write a CDI file");
   cdi->require_subcommand(1);
   std::string cdi_output;
   cdi_generate->add_option("--output", cdi_output, "File to write (default: standard output)");
@@ -502,11 +502,11 @@ int main(int argc, char** argv) {
     const vdxStatus status = vdxUpdateSingleVDevice(vdev, new_units, new_memory);
     if (status != VDX_STATUS_SUCCESS) return Fail("update", status);
     std::fprintf(vdxctl::Out(), "updated virtual device %d\n", vdev);
-    for (const std::string& spec : vdxctl::SpecsHandingOut(vdev))
+    for (const std::string& file : vdxctl::CdiFilesHandingOut(vdev))
       fprintf(stderr,
               "vdxctl: warning: %s hands virtual device %d to containers: a running container "
               "keeps the configuration it started with until it is restarted\n",
-              spec.c_str(), vdev);
+              file.c_str(), vdev);
     return 0;
   }
   if (destroy->parsed()) {
