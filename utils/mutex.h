@@ -19,9 +19,6 @@ class CAPABILITY("mutex") Mutex {
 
   void Lock() ACQUIRE() { mutex_.lock(); }
   void Unlock() RELEASE() { mutex_.unlock(); }
-  // Tells the analysis that the caller holds the mutex where it cannot see the taking (a
-  // callback run under a lock its caller took). Checks nothing at run time.
-  void AssertHeld() const ASSERT_CAPABILITY(this) {}
 
  private:
   std::mutex mutex_;
@@ -38,9 +35,6 @@ class CAPABILITY("shared mutex") SharedMutex {
   void Unlock() RELEASE() { mutex_.unlock(); }
   void LockShared() ACQUIRE_SHARED() { mutex_.lock_shared(); }
   void UnlockShared() RELEASE_SHARED() { mutex_.unlock_shared(); }
-  // As Mutex::AssertHeld: exclusively, or at least shared.
-  void AssertHeld() const ASSERT_CAPABILITY(this) {}
-  void AssertReaderHeld() const ASSERT_SHARED_CAPABILITY(this) {}
 
  private:
   std::shared_mutex mutex_;

@@ -19,8 +19,5 @@
 #define RELEASE(...) ZOVDX_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) ZOVDX_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
 #define EXCLUDES(...) ZOVDX_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define ASSERT_CAPABILITY(x) ZOVDX_THREAD_ANNOTATION(assert_capability(x))
-#define ASSERT_SHARED_CAPABILITY(x) ZOVDX_THREAD_ANNOTATION(assert_shared_capability(x))
-#define NO_THREAD_SAFETY_ANALYSIS ZOVDX_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 #endif  // ZOVDX_UTILS_THREAD_ANNOTATIONS_H_

@@ -1,5 +1,6 @@
-// Tests' view inside the manager: what only the steps meant for library clients (the run
-// modes) and the exit teardown change, and the private steps those tests drive.
+// Tests' view inside the manager: the lists that only the steps meant for library clients
+// (the run modes) change, the instances this process made, and the private steps those tests
+// drive.
 #ifndef ZOVDX_TESTS_VIRTUAL_DMVIRTUAL_PEER_H_
 #define ZOVDX_TESTS_VIRTUAL_DMVIRTUAL_PEER_H_
 
@@ -21,9 +22,6 @@ class DmvirtualPeer {
   dmRunMode mode() { return dm_.mode; }
   bool& docker_env() { return dm_.is_docker_virtual_env; }
 
-  // As a start that made the instance would record it (the caller, root, needs no lock here:
-  // the tests change nothing else meanwhile).
-  void RecordInstance(int device, int pipe) { dm_.iRecordInstance(device, pipe); }
   vdxStatus InitSysGroup() { return dm_.iInitSysGroup(); }
   vdxStatus GroupInfo(const std::string& path, sys_group_info* info) {
     return dm_.iSysGetGroupInfo(path, info);
